@@ -1,0 +1,19 @@
+// Ceilings that protect the program from hostile picture headers. Every decoder checks what a
+// header claims against these before it allocates anything.
+#pragma once
+
+#include <cstdint>
+
+// The largest pixel storage a picture may have: 1 GiB, a 16384 x 16384 picture at 32 bits.
+// A BMP claiming 3,000,000 x 2,000,000 pixels fails here before any allocation.
+inline constexpr uint64_t kMaxPictureBytes = uint64_t(1) << 30;
+
+// An uncompressed body may be cut short (the rows read so far are shown), but a file that holds
+// less than 1/64 of what its header claims is not a damaged picture, it is a lie; refusing it
+// keeps a few hostile bytes from pinning a gigabyte in the cache.
+inline constexpr uint64_t kMaxRawShortfall = 64;
+
+inline bool RawBodyPlausible(uint64_t claimedBytes, int64_t availableBytes) {
+    if (availableBytes < 0) return false;
+    return claimedBytes / kMaxRawShortfall <= static_cast<uint64_t>(availableBytes);
+}
