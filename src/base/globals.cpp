@@ -1,0 +1,3 @@
+#include "base/types.h"
+
+uint32_t nThreadCount = 1;
