@@ -8,4 +8,6 @@ uint64_t XGetTickCount64() {
         duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
 }
 
-uint32_t XGetTickCount() { return static_cast<uint32_t>(XGetTickCount64()); }
+uint32_t XGetTickCount() {
+    return static_cast<uint32_t>(XGetTickCount64());
+}

@@ -9,3 +9,13 @@ class IXDibIO;
 bool DecodeBmp(XDib& dib, IXDibIO& source);
 bool DecodeTga(XDib& dib, IXDibIO& source);
 bool DecodePsd(XDib& dib, IXDibIO& source);
+
+#include "image/format.h"
+
+class CJPEGMetaData;
+struct XDibScaleRequest;
+
+// Runs the decoder of an already sniffed format. nFormat is set only when the decoder reports
+// a whole picture; formats without a decoder fail.
+bool DecodeByFormat(XDib& dib, IXDibIO& source, XDibFormat format, CJPEGMetaData* jpegMeta,
+                    const XDibScaleRequest* scaleRequest);

@@ -89,8 +89,7 @@ public:
 
     // Sniffs the source and runs the decoder of its format. nFormat is set when the decoder
     // reports a whole picture. A failed decoder may leave a partial picture behind.
-    bool LoadFromIO(IXDibIO& source, const char* name = nullptr,
-                    CJPEGMetaData* jpegMeta = nullptr,
+    bool LoadFromIO(IXDibIO& source, const char* name = nullptr, CJPEGMetaData* jpegMeta = nullptr,
                     const XDibScaleRequest* scaleRequest = nullptr);
     bool LoadFromMemory(const void* data, size_t size);
 

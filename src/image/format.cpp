@@ -1,0 +1,71 @@
+#include "image/format.h"
+
+#include <cstring>
+
+#include "base/utf.h"
+#include "image/xdibio.h"
+
+namespace {
+
+uint16_t Le16(const uint8_t* p) {
+    return uint16_t(p[0] | (p[1] << 8));
+}
+uint16_t Be16(const uint8_t* p) {
+    return uint16_t((p[0] << 8) | p[1]);
+}
+uint32_t Be32(const uint8_t* p) {
+    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
+
+// The extension is what follows the first dot of the whole name, not the last: a folder with a
+// dot in its name therefore never makes a file count as DNG.
+bool HasDngExtension(const char* name) {
+    if (!name) return false;
+    const char* dot = std::strchr(name, '.');
+    return dot && utf::AsciiLower(dot) == ".dng";
+}
+
+XDibFormat Classify(const uint8_t* h, const char* name) {
+    static const uint8_t kPng[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
+    if (h[0] == 'B' && h[1] == 'M') return FORMAT_BMP;
+    if (h[0] == 0xFF && h[1] == 0xD8 && h[2] == 0xFF) return FORMAT_JPEG;
+    if (std::memcmp(h, kPng, 8) == 0 && std::memcmp(h + 12, "IHDR", 4) == 0) return FORMAT_PNG;
+    if (std::memcmp(h, "GIF89a", 6) == 0 || std::memcmp(h, "GIF87a", 6) == 0) return FORMAT_GIF;
+    if (std::memcmp(h, "\x4D\x4D\x00\x2A", 4) == 0 || std::memcmp(h, "\x49\x49\x2A\x00", 4) == 0)
+        return HasDngExtension(name) ? FORMAT_DNG : FORMAT_TIFF;
+    if (std::memcmp(h + 4, "jP  ", 4) == 0) return FORMAT_JP2;
+    if (std::memcmp(h, "\xFF\x4F\xFF\x51", 4) == 0) return FORMAT_J2K;
+    if (std::memcmp(h, "\x49\x49\xBC\x01", 4) == 0) return FORMAT_HDP;
+    if (std::memcmp(h, "8BPS", 4) == 0 && Be16(h + 4) == 1 && Be32(h + 14) != 0 &&
+        Be32(h + 18) != 0 && Be16(h + 24) <= 4)
+        return FORMAT_PSD;
+    // TGA has no signature; its header must merely be plausible.
+    const uint8_t depth = h[16];
+    const uint8_t type = h[2];
+    if (Le16(h + 12) != 0 && Le16(h + 14) != 0 &&
+        (depth == 8 || depth == 15 || depth == 16 || depth == 24 || depth == 32) &&
+        Le16(h + 5) <= 256 &&
+        (type == 1 || type == 2 || type == 3 || type == 9 || type == 10 || type == 11))
+        return FORMAT_TGA;
+    return FORMAT_UNKNOWN;
+}
+
+}  // namespace
+
+XDibFormat SniffFormat(IXDibIO& source, const char* name) {
+    uint8_t header[kSniffBytes];
+    source.Seek(0, 0);
+    XDibFormat format = FORMAT_UNREAD;
+    if (source.GetSize() >= kSniffBytes && source.Read(header, kSniffBytes))
+        format = Classify(header, name);
+    source.Seek(0, 0);
+    return format;
+}
+
+const char* FormatName(uint32_t format) {
+    static const char* const kNames[] = {
+        "FORMAT_UNKNOWN", "FORMAT_UNREAD", "FORMAT_BMP", "FORMAT_JPEG", "FORMAT_GIF",
+        "FORMAT_TIFF",    "FORMAT_PNG",    "FORMAT_TGA", "FORMAT_PSD",  "FORMAT_JP2",
+        "FORMAT_J2K",     "FORMAT_HDP",    "FORMAT_DNG"};
+    return format < std::size(kNames) ? kNames[format] : kNames[0];
+}
