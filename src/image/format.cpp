@@ -3,19 +3,10 @@
 #include <cstring>
 
 #include "base/utf.h"
+#include "image/bytes.h"
 #include "image/xdibio.h"
 
 namespace {
-
-uint16_t Le16(const uint8_t* p) {
-    return uint16_t(p[0] | (p[1] << 8));
-}
-uint16_t Be16(const uint8_t* p) {
-    return uint16_t((p[0] << 8) | p[1]);
-}
-uint32_t Be32(const uint8_t* p) {
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
 
 // The extension is what follows the first dot of the whole name, not the last: a folder with a
 // dot in its name therefore never makes a file count as DNG.
