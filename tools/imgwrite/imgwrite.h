@@ -59,7 +59,7 @@ struct BmpOptions {
     // 16 bits: 0 writes 5-5-5 without masks; 555 or 565 write BI_BITFIELDS with those masks.
     uint32_t bitfields = 0;
     // Indexed depths: the palette to use. Empty: built from the picture's colours.
-    std::vector<Rgba> palette;
+    std::vector<Rgba> palette = {};
     // Indexed depths: write only the palette's own entries and state their count, instead of
     // a full table of 1 << bpp entries with a stated count of 0.
     bool compactPalette = false;
@@ -81,10 +81,10 @@ struct TgaOptions {
     uint8_t mapDepth = 24;     // mapped: 16, 24 or 32 bits per map entry
     bool topFirst = false;     // descriptor bit 5
     bool rightToLeft = false;  // descriptor bit 4: pixels of a row run from the right
-    std::string id;            // written after the header, skipped by readers
+    std::string id = {};       // written after the header, skipped by readers
     // RLE: packets run over the ends of rows (allowed by the format) or stop at each row end.
     bool packetsCrossRows = true;
-    std::vector<Rgba> palette;  // mapped: the map to use; empty: built from the picture
+    std::vector<Rgba> palette = {};  // mapped: the map to use; empty: built from the picture
 };
 
 Bytes WriteTga(const Picture& picture, const TgaOptions& options = {});
