@@ -127,7 +127,12 @@ bool XDib::Create(uint32_t width, uint32_t height, uint32_t bpp, uint32_t palett
     Destroy();
     if (width == 0 || height == 0 || width >= 0x7FFFFFFF || height >= 0x7FFFFFFF) return false;
     if (!ValidDepth(bpp)) return false;
-    const uint32_t stride = XDibStride(width, bpp);
+    // The row length is worked out in 64 bits: the stride formula keeps only 29 bits, so a
+    // row of over 512 MiB (a hostile width) would otherwise get a stride far shorter than
+    // itself, and every write past it would leave the block.
+    const uint64_t rowBytes = (uint64_t(width) * bpp + 31) / 32 * 4;
+    if (rowBytes > 0x1FFFFFFC) return false;
+    const uint32_t stride = static_cast<uint32_t>(rowBytes);
     const uint64_t pixelBytes = uint64_t(stride) * height;
     if (pixelBytes > kMaxPictureBytes) return false;
     const uint32_t paletteSize = bpp <= 8 ? 1u << bpp : 0;
@@ -391,8 +396,9 @@ bool XDib::Grow(uint32_t width, uint32_t height) {
         if (nWidth >= width && nHeight >= height) return true;
         w = std::max(width, nWidth), h = std::max(height, nHeight), bpp = nBpp;
     }
-    // Canvases must survive low memory: settle for less rather than fail.
-    while (uint64_t(w) * h >= 1000) {
+    // Canvases must survive low memory: settle for less rather than fail. The size asked for
+    // is always tried, however small; only the halving stops under 1000 pixels.
+    for (;;) {
         XDib grown;
         grown.pColorMan = pColorMan;
         if (grown.Create(w, h, bpp)) {
@@ -400,8 +406,8 @@ bool XDib::Grow(uint32_t width, uint32_t height) {
             return true;
         }
         w /= 2, h /= 2;
+        if (uint64_t(w) * h < 1000) return false;
     }
-    return false;
 }
 
 bool XDib::SaveBmp(const char* path) const {
