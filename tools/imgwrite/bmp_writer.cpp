@@ -67,9 +67,14 @@ void EncodeRleRow(Bytes& out, const std::vector<uint8_t>& v, bool nibbles, bool 
                !(delta && ZerosAt(v, x + n) >= 2))
             ++n;
         if (n < 3) {
+            // Too short for an absolute run: one run code holds two nibbles, but at 8 bits
+            // each pixel needs a run of its own.
             n = std::max(n, 1u);
-            out.push_back(uint8_t(n));
-            out.push_back(runByte(x, n));
+            for (uint32_t i = 0; i < n; i += period) {
+                const uint32_t k = std::min(period, n - i);
+                out.push_back(uint8_t(k));
+                out.push_back(runByte(x + i, k));
+            }
         } else {
             const size_t start = out.size();
             out.push_back(0);
