@@ -65,7 +65,8 @@ TEST(TgaDecoder, TrueColourAtEveryDepthInEveryRowOrder) {
             for (bool topFirst : {false, true}) {
                 for (bool rightToLeft : {false, true}) {
                     for (uint32_t w : {1u, 3u, 7u, 130u}) {
-                        // Five rows: a 1-pixel-wide file still has the 26 bytes that sniffing reads.
+                        // Five rows: a 1-pixel-wide file still has the 26 bytes that sniffing
+                        // reads.
                         const Picture p = Pattern(w, 5, 0, w + depth);
                         const TgaOptions o{.type = type,
                                            .depth = depth,
