@@ -13,3 +13,10 @@ if(ORLIMO_SANITIZE)
                         -fno-sanitize-recover=undefined)
     add_link_options(-fsanitize=address,undefined)
 endif()
+
+if(ORLIMO_FUZZ)
+    # Coverage instrumentation for libFuzzer everywhere; only the fuzz executables link the
+    # fuzzer's own main (tests/fuzz). A subdirectory can't reach the libraries' flags, so it
+    # is set here, before any library is configured.
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
