@@ -151,6 +151,15 @@ TEST(BmpDecoder, HeaderVariants) {
     ExpectDecodes(imgwrite::WriteBmp(sixteen, {.bpp = 4, .compactPalette = true}), sixteen, 4,
                   "4 bits with a stated palette count");
 
+    // Pixels start where the file header says, past a gap; an offset past the end is ignored.
+    Bytes gap = imgwrite::WriteBmp(rgb, {.bpp = 24});
+    gap.insert(gap.begin() + 54, 10, 0xEE);
+    gap[10] += 10;
+    ExpectDecodes(gap, rgb, 24, "a gap before the pixels");
+    Bytes beyond = imgwrite::WriteBmp(rgb, {.bpp = 24});
+    beyond[12] = 0x7F;
+    ExpectDecodes(beyond, rgb, 24, "a pixel offset past the end of the file");
+
     // Larger headers are taken only for plain pictures: one stating a palette count is refused.
     Decoded stated = Decode(
         imgwrite::WriteBmp(indexed, {.bpp = 8, .header = BmpHeader::V4, .compactPalette = true}));
