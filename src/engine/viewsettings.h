@@ -5,10 +5,10 @@
 #include <cstdint>
 
 struct ViewSettings {
-    uint32_t nStretchMode = 4;  // show mode
-    uint32_t nFilterMode = 0;   // 0 none, 1 interpolate, 2 interpolate and sharpen
-    uint32_t nInterpolateMode = 0;  // 0 linear, 1 cubic, 2 Lanczos
-    uint32_t nRotate = 0;  // 0 none, 1 quarter anticlockwise, 2 quarter clockwise, 3 half
+    uint32_t nStretchMode = 4;       // show mode
+    uint32_t nFilterMode = 0;        // 0 none, 1 interpolate, 2 interpolate and sharpen
+    uint32_t nInterpolateMode = 0;   // 0 linear, 1 cubic, 2 Lanczos
+    uint32_t nRotate = 0;            // 0 none, 1 quarter anticlockwise, 2 quarter clockwise, 3 half
     uint32_t bStretchWhenLarge = 0;  // scale large pictures down, never up
     uint32_t bExifRotation = 1;
     uint32_t bImageProcessingNegative = 0;

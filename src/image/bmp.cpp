@@ -201,7 +201,10 @@ bool DecodeBmp(XDib& dib, IXDibIO& source) {
     const int64_t fileSize = source.GetSize();
     if (pixelOffset >= source.Tell() && pixelOffset < fileSize) source.Seek(pixelOffset, 0);
 
-    if (!rle && !RawBodyPlausible(uint64_t(fileStride) * height, fileSize - source.Tell()))
+    const uint64_t claimed = uint64_t(fileStride) * height;
+    const int64_t available = fileSize - source.Tell();
+    if (rle ? !PackedBodyPlausible(claimed, kBmpRleExpansion, available)
+            : !RawBodyPlausible(claimed, available))
         return false;
     const uint32_t targetBits = bits == 16 ? 24 : bits;
     if (!dib.Create(width, height, targetBits, paletteCount, palette)) return false;

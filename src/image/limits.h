@@ -17,3 +17,16 @@ inline bool RawBodyPlausible(uint64_t claimedBytes, int64_t availableBytes) {
     if (availableBytes < 0) return false;
     return claimedBytes / kMaxRawShortfall <= static_cast<uint64_t>(availableBytes);
 }
+
+// The same for a run-length coded body, whose smallest honest size is its decoded size divided
+// by the most its coding can expand: PackBits turns 2 bytes into at most 128 (64:1), a TGA run
+// packet at most 128 pixels. BMP run-length coding has no such bound (a delta skips 255 rows),
+// but no encoder writes whole pages of skips, so the PackBits bound serves as its policy.
+inline constexpr uint64_t kPackBitsExpansion = 64;
+inline constexpr uint64_t kTgaRleExpansion = 128;
+inline constexpr uint64_t kBmpRleExpansion = 64;
+
+inline bool PackedBodyPlausible(uint64_t claimedBytes, uint64_t maxExpansion,
+                                int64_t availableBytes) {
+    return RawBodyPlausible(claimedBytes / maxExpansion, availableBytes);
+}

@@ -102,9 +102,11 @@ bool DecodePsd(XDib& dib, IXDibIO& source) {
         // The table of compressed row lengths covers every channel; rows are decoded as one
         // stream per plane instead.
         source.Seek(int64_t(channels) * height * 2, 1);
-    } else if (!RawBodyPlausible(planeBytes * planes, source.GetSize() - source.Tell())) {
-        return false;
     }
+    const int64_t available = source.GetSize() - source.Tell();
+    if (compression == 1 ? !PackedBodyPlausible(planeBytes * planes, kPackBitsExpansion, available)
+                         : !RawBodyPlausible(planeBytes * planes, available))
+        return false;
     if (!dib.Create(width, height, bpp)) return false;
 
     XByteReader in(source);

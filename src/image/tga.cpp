@@ -121,7 +121,10 @@ bool DecodeTga(XDib& dib, IXDibIO& source) {
     const TgaPixels pixels{depth == 15 ? 2u : (depth + 7) / 8, depth, table};
     const bool rle = type >= 9;
     const uint64_t rawBytes = uint64_t(width) * height * pixels.bytesPerPixel;
-    if (!rle && !RawBodyPlausible(rawBytes, source.GetSize() - source.Tell())) return false;
+    const int64_t available = source.GetSize() - source.Tell();
+    if (rle ? !PackedBodyPlausible(rawBytes, kTgaRleExpansion, available)
+            : !RawBodyPlausible(rawBytes, available))
+        return false;
     if (!dib.Create(width, height, 24)) return false;
 
     const bool topFirst = (descriptor & 0x20) != 0;

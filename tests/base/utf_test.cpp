@@ -32,7 +32,7 @@ TEST(Utf, TruncateNeverCutsInsideASequence) {
 TEST(Utf, CaseFoldingCoversNonLatinScripts) {
     EXPECT_TRUE(utf::EqualsIgnoreCase("PAGE.JPG", "page.jpg"));
     EXPECT_TRUE(utf::EqualsIgnoreCase("\xC3\x89T\xC3\x89", "\xC3\xA9t\xC3\xA9"));  // ÉTÉ / été
-    EXPECT_TRUE(utf::EqualsIgnoreCase("\xD0\x9A\xD0\x9D", "\xD0\xBA\xD0\xBD"));     // Cyrillic
+    EXPECT_TRUE(utf::EqualsIgnoreCase("\xD0\x9A\xD0\x9D", "\xD0\xBA\xD0\xBD"));    // Cyrillic
     EXPECT_FALSE(utf::EqualsIgnoreCase("page", "pages"));
     EXPECT_EQ(utf::AsciiLower(".JPG"), ".jpg");
 }

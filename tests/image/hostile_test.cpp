@@ -168,6 +168,56 @@ TEST(HostileInput, UncompressedBodiesMustHoldASixtyFourthOfTheirClaim) {
     EXPECT_TRUE(rle.whole);
 }
 
+TEST(HostileInput, RunLengthBodiesMustBeLongEnoughForTheirCoding) {
+    // 4096 x 4096 pictures with bodies far shorter than their coding could ever expand to.
+    // Each is refused with nothing allocated; given the smallest plausible body, it decodes.
+    const uint32_t side = 4096;
+    const auto be = [](Bytes& b, uint32_t v, int n) {
+        for (int i = n - 1; i >= 0; --i) b.push_back(uint8_t(v >> (8 * i)));
+    };
+    // PackBits PSD, RGB: 48 MiB of planes; 2-byte run packets give 128 bytes each, so 48 MiB
+    // need at least 768 KiB of body, and 1/64 of that (12 KiB) is the floor for a cut file.
+    const auto psd = [&](size_t bodyBytes) {
+        Bytes b = {'8', 'B', 'P', 'S', 0, 1, 0, 0, 0, 0, 0, 0};
+        be(b, 3, 2), be(b, side, 4), be(b, side, 4), be(b, 8, 2), be(b, 3, 2);
+        be(b, 0, 4), be(b, 0, 4), be(b, 0, 4), be(b, 1, 2);
+        b.insert(b.end(), size_t(3) * side * 2, 0);  // row lengths, skipped
+        for (size_t i = 0; i < bodyBytes / 2; ++i) b.push_back(0x81), b.push_back(0x40);
+        return b;
+    };
+    // TGA RLE, 24 bits: 48 MiB; a run packet of 4 bytes gives 128 pixels (384 bytes).
+    const auto tga = [&](size_t bodyBytes) {
+        Bytes b(18, 0);
+        b[2] = 10, b[12] = side & 0xFF, b[13] = side >> 8, b[14] = side & 0xFF, b[15] = side >> 8,
+        b[16] = 24;
+        for (size_t i = 0; i < bodyBytes / 4; ++i) b.insert(b.end(), {0xFF, 10, 20, 30});
+        return b;
+    };
+    // RLE8 BMP: 16 MiB, held to the same 64:1 policy as PackBits.
+    const auto bmp = [&](size_t bodyBytes) {
+        Bytes body;
+        for (size_t i = 0; i < bodyBytes / 2; ++i) body.insert(body.end(), {255, 1});
+        return imgwrite::BmpFromBody(int32_t(side), int32_t(side), 8, 1, std::vector<Rgba>(2),
+                                     body);
+    };
+    struct Case {
+        const char* what;
+        Bytes refused, taken;
+    };
+    const uint64_t mib48 = uint64_t(48) << 20, mib16 = uint64_t(16) << 20;
+    const Case cases[] = {
+        {"PSD", psd(mib48 / 64 / 64 - 64), psd(mib48 / 64 / 64 + 64)},
+        {"TGA", tga(mib48 / 128 / 64 - 64), tga(mib48 / 128 / 64 + 64)},
+        {"BMP", bmp(mib16 / 64 / 64 - 64), bmp(mib16 / 64 / 64 + 64)},
+    };
+    for (const Case& c : cases) {
+        Decoded refused = Decode(c.refused);
+        EXPECT_TRUE(refused.dib.IsEmpty()) << c.what << ": a body below the floor was taken";
+        Decoded taken = Decode(c.taken);
+        EXPECT_EQ(taken.dib.nWidth, side) << c.what << ": a body above the floor was refused";
+    }
+}
+
 TEST(HostileInput, AnimDibTakesAPartialPictureAsItsOneFrame) {
     const Picture p = Pattern(20, 10);
     const Bytes file = imgwrite::WriteBmp(p, {.bpp = 24});
