@@ -44,4 +44,8 @@ bool IsDirectory(const std::string& path);
 // The size of the file at `path` in bytes; -1 when it doesn't exist or can't be examined.
 int64_t GetFileSize(const std::string& path);
 
+// The folder of the running executable, without a trailing "/": the program folder, where the
+// files that ship beside it (colour profiles, languages, skins) are found. Empty if unknown.
+std::string GetProgramFolder();
+
 }  // namespace platform

@@ -3,17 +3,23 @@
 // Decodes a picture the way the viewer does and writes one frame as a 24-bit BMP, so that a
 // decoder's output can be looked at, compared or kept as a reference. Prints one line:
 //   WIDTHxHEIGHT bpp=N frames=N format=NAME
-// with the frame's depth as decoded. Exit 0 when a picture came out (a partial one too), 1 when
+// with the frame's depth as decoded. INPUT may be a folder: its first page in the viewer's order
+// is rendered. Exit 0 when a picture came out (a partial one too), 1 when
 // nothing could be decoded, 2 on a usage error.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 
+#include "engine/openpath.h"
+#include "engine/pagelist.h"
+#include "image/colorman.h"
 #include "image/format.h"
 #include "image/xanimdib.h"
 #include "image/xdib.h"
 #include "image/xdibio.h"
+#include "platform/files.h"
 
 namespace {
 
@@ -73,7 +79,29 @@ int main(int argc, char** argv) {
     }
     if (!input || !output) return Usage(nullptr);
 
+    // A folder opens as the viewer opens it: listed, in page order, the first page current.
+    std::string page = input;
+    if (platform::IsDirectory(input)) {
+        CPageList list;
+        OpenPath(list, input, true);
+        std::lock_guard hold(list.cs);
+        page = list.GetCurrentPath();
+        if (page.empty()) {
+            std::fprintf(stderr, "orlimo-render: %s holds no pages\n", input);
+            return 1;
+        }
+    }
+    input = page.c_str();
+
+    // CMYK pictures go through the profiles beside the executable, as in the viewer; without
+    // them the plain conversion serves.
+    XColorMan colorMan;
+    const std::string programFolder = platform::GetProgramFolder();
+    const bool profiles = colorMan.Open(programFolder + "/" + kCmykProfileName,
+                                        programFolder + "/" + kSrgbProfileName);
+
     XAnimDib anim;
+    anim.pColorMan = profiles ? &colorMan : nullptr;
     const bool whole = anim.LoadFile(input, nullptr, scale.bEnable ? &scale : nullptr);
     if (anim.GetFrameCount() == 0) {
         std::fprintf(stderr, "orlimo-render: can't decode %s\n", input);
