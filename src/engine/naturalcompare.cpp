@@ -6,6 +6,16 @@
 
 namespace {
 
+// The next code point; names are mostly ASCII, which is taken here without a call.
+inline char32_t Next(std::string_view s, size_t& pos) {
+    const auto c = static_cast<unsigned char>(s[pos]);
+    if (c < 0x80) {
+        ++pos;
+        return c;
+    }
+    return utf::Decode(s, pos);
+}
+
 // The value of a digit code point, or -1 for anything else.
 int DigitValue(char32_t cp) {
     if (cp >= U'0' && cp <= U'9') return static_cast<int>(cp - U'0');
@@ -26,7 +36,7 @@ DigitRun ScanRun(std::string_view s, size_t pos) {
     bool leading = true;
     while (pos < s.size()) {
         size_t next = pos;
-        const int value = DigitValue(utf::Decode(s, next));
+        const int value = DigitValue(Next(s, next));
         if (value < 0) break;
         if (leading && value == 0) {
             ++run.nLeadingZeros;
@@ -48,8 +58,8 @@ int CompareRuns(std::string_view a, const DigitRun& ra, std::string_view b, cons
     size_t pa = ra.significant;
     size_t pb = rb.significant;
     for (size_t i = 0; i < ra.nDigits; ++i) {
-        const int da = DigitValue(utf::Decode(a, pa));
-        const int db = DigitValue(utf::Decode(b, pb));
+        const int da = DigitValue(Next(a, pa));
+        const int db = DigitValue(Next(b, pb));
         if (da != db) return da < db ? -1 : 1;
     }
     return 0;
@@ -58,7 +68,9 @@ int CompareRuns(std::string_view a, const DigitRun& ra, std::string_view b, cons
 // A digit met alone (the other text has a letter there) ranks as an ASCII digit, so fullwidth
 // and ASCII digits stand at the same place among the letters.
 char32_t Rank(char32_t cp, int digit) {
-    return digit >= 0 ? U'0' + static_cast<char32_t>(digit) : utf::FoldCase(cp);
+    if (digit >= 0) return U'0' + static_cast<char32_t>(digit);
+    if (cp < 0x80) return cp >= U'A' && cp <= U'Z' ? cp + 32 : cp;
+    return utf::FoldCase(cp);
 }
 
 }  // namespace
@@ -70,8 +82,8 @@ int NaturalCompare(std::string_view a, std::string_view b) {
     while (pa < a.size() && pb < b.size()) {
         size_t na = pa;
         size_t nb = pb;
-        const char32_t ca = utf::Decode(a, na);
-        const char32_t cb = utf::Decode(b, nb);
+        const char32_t ca = Next(a, na);
+        const char32_t cb = Next(b, nb);
         const int da = DigitValue(ca);
         const int db = DigitValue(cb);
         if (da >= 0 && db >= 0) {
