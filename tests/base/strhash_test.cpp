@@ -5,108 +5,65 @@
 #include <map>
 #include <memory>
 #include <string>
-
-namespace {
+#include <utility>
+#include <vector>
 
 TEST(XStrHash, GrowsThroughThePrimesWithRemovalsInterleaved) {
     XStrHash<int> table;
-    EXPECT_EQ(table.BucketCount(), 17u);
     std::map<std::string, int> expected;
+    using Steps = std::vector<std::pair<size_t, size_t>>;
+    Steps growth;  // (count, new bucket count) at each growth
     int* first = nullptr;
     for (int i = 0; i < 3000; ++i) {
         const std::string key = "page" + std::to_string(i) + ".jpg";
+        const size_t buckets = table.BucketCount();
         ASSERT_TRUE(table.Insert(key, i));
         expected[key] = i;
         if (i == 0) first = table.Find(key);
-        // The first steps: 12 entries fit 17 buckets, the 13th and the 28th make it grow.
-        if (table.Count() == 12) {
-            EXPECT_EQ(table.BucketCount(), 17u);
-        }
-        if (table.Count() == 13) {
-            EXPECT_EQ(table.BucketCount(), 37u);
-        }
-        if (table.Count() == 28) {
-            EXPECT_EQ(table.BucketCount(), 79u);
-        }
+        if (table.BucketCount() != buckets) growth.emplace_back(table.Count(), table.BucketCount());
         if (i % 3 == 2) {  // drop an older entry now and then
             const std::string old = "page" + std::to_string(i / 2) + ".jpg";
             EXPECT_EQ(table.Remove(old), expected.erase(old) == 1);
         }
-        // The load may reach three quarters of the buckets but not pass it.
-        ASSERT_LE(table.Count() * 4, table.BucketCount() * 3);
     }
-    EXPECT_EQ(table.Count(), expected.size());
-    EXPECT_EQ(table.BucketCount(), 2729u);  // ~2000 entries: 1361 * 0.75 is passed, 2729 is not
-
-    for (int i = 0; i < 3000; ++i) {
-        const std::string key = "page" + std::to_string(i) + ".jpg";
-        const int* value = table.Find(key);
-        const auto it = expected.find(key);
-        if (it == expected.end()) {
-            EXPECT_EQ(value, nullptr) << key;
-        } else {
-            ASSERT_NE(value, nullptr) << key;
-            EXPECT_EQ(*value, it->second);
-        }
+    // Growth comes as the entries pass three quarters of the buckets, never earlier.
+    EXPECT_EQ(
+        growth,
+        (Steps{{13, 37}, {28, 79}, {60, 163}, {123, 331}, {249, 673}, {505, 1361}, {1021, 2729}}));
+    // Keys are exact bytes; a present key keeps its value on Insert and takes the new one on Set.
+    EXPECT_EQ(table.Find("PAGE0.JPG"), nullptr);
+    EXPECT_FALSE(table.Insert("page0.jpg", -5));
+    EXPECT_EQ(table.Set("page3.jpg", 33), 33);
+    expected["page3.jpg"] = 33;
+    // Removal from the chains kept every neighbour, and nothing removed is left.
+    for (const auto& [key, value] : expected) {
+        EXPECT_EQ(table.Find(key) ? *table.Find(key) : -1, value) << key;
     }
-    // Values do not move when the table grows.
-    EXPECT_EQ(table.Find("page0.jpg"), first);
+    EXPECT_EQ(table.Find("page0.jpg"), first);  // values don't move when the table grows
+    std::map<std::string, int> visited;
+    table.ForEach([&](const std::string& key, int& value) { visited.emplace(key, value); });
+    EXPECT_EQ(visited, expected);
 
-    size_t visited = 0;
-    table.ForEach([&](const std::string& key, int& value) {
-        ++visited;
-        EXPECT_EQ(expected.at(key), value);
-    });
-    EXPECT_EQ(visited, expected.size());
+    // "Aa" and "B@" have the same h * 33 + c: the key, not the hash, tells them apart.
+    EXPECT_TRUE(table.Insert("Aa", 1));
+    EXPECT_TRUE(table.Insert("B@", 2));
+    EXPECT_TRUE(table.Remove("Aa"));
+    EXPECT_EQ(table.Find("Aa"), nullptr);
+    EXPECT_EQ(*table.Find("B@"), 2);
 
     table.Clear();
-    EXPECT_EQ(table.Count(), 0u);
     EXPECT_EQ(table.BucketCount(), 17u);
-    EXPECT_EQ(table.Find("page1.jpg"), nullptr);
+    EXPECT_EQ(table.Find("page0.jpg"), nullptr);
 }
 
-TEST(XStrHash, KeysAreExactBytesIncludingCaseEmptyAndCollisions) {
-    XStrHash<std::string> table;
-    EXPECT_TRUE(table.Insert("Page.JPG", "upper"));
-    EXPECT_TRUE(table.Insert("page.jpg", "lower"));
-    EXPECT_TRUE(table.Insert("", "empty"));
-    // "Aa" and "B@" have the same h * 33 + c, so they share a chain.
-    EXPECT_TRUE(table.Insert("Aa", "first"));
-    EXPECT_TRUE(table.Insert("B@", "second"));
-    // Bytes above 0x7F (UTF-8 names) are keys like any other.
-    EXPECT_TRUE(table.Insert("\xED\x95\x9C.png", "hangul"));
-    EXPECT_EQ(table.Count(), 6u);
-
-    EXPECT_FALSE(table.Insert("page.jpg", "again"));  // the old value stays
-    EXPECT_EQ(*table.Find("page.jpg"), "lower");
-    EXPECT_EQ(*table.Find("Page.JPG"), "upper");
-    EXPECT_EQ(table.Find("PAGE.JPG"), nullptr);
-    EXPECT_EQ(*table.Find(""), "empty");
-    EXPECT_EQ(*table.Find("\xED\x95\x9C.png"), "hangul");
-
-    EXPECT_EQ(table.Set("Aa", "replaced"), "replaced");
-    EXPECT_EQ(table.Set("new", "added"), "added");
-    EXPECT_EQ(table.Count(), 7u);
-    EXPECT_TRUE(table.Remove("Aa"));
-    EXPECT_FALSE(table.Remove("Aa"));
-    EXPECT_EQ(*table.Find("B@"), "second");  // its chain neighbour survives
-    EXPECT_TRUE(table.Remove(""));
-    EXPECT_EQ(table.Find(""), nullptr);
-    EXPECT_EQ(table.Count(), 5u);
-}
-
-TEST(XStrHash, HoldsMoveOnlyValuesAndMovedFromTablesStayUsable) {
+TEST(XStrHash, HoldsMoveOnlyValuesAndAMovedFromTableStaysUsable) {
     XStrHash<std::unique_ptr<int>> table;
     for (int i = 0; i < 40; ++i) table.Insert("k" + std::to_string(i), std::make_unique<int>(i));
     XStrHash<std::unique_ptr<int>> moved(std::move(table));
-    EXPECT_EQ(moved.Count(), 40u);
     EXPECT_EQ(**moved.Find("k39"), 39);
-
-    EXPECT_EQ(table.Count(), 0u);  // NOLINT(bugprone-use-after-move): defined as empty
-    EXPECT_EQ(table.BucketCount(), 17u);
+    // NOLINTNEXTLINE(bugprone-use-after-move): a moved-from table is defined as empty
     EXPECT_EQ(table.Find("k1"), nullptr);
+    EXPECT_EQ(table.BucketCount(), 17u);
     EXPECT_TRUE(table.Insert("k1", std::make_unique<int>(1)));
     EXPECT_EQ(**table.Find("k1"), 1);
 }
-
-}  // namespace

@@ -1,7 +1,6 @@
 #include "base/xthread.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <functional>
@@ -9,32 +8,33 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
 
-constexpr uint32_t kQuit = 99;
+constexpr uint32_t kInfinite = XThread::kInfinite;
 
-// A worker whose body is given by the test; the body's owner ends it before destruction.
+// A worker whose body is given by the test. Like the engine's workers it polls for commands, keeps
+// state of its own while it runs, and stops its body in its own destructor, while that state (and
+// the body itself) still exist.
 class TestThread : public XThread {
 public:
     explicit TestThread(std::function<uint32_t(TestThread&)> body) : m_body(std::move(body)) {}
-    ~TestThread() override { Wait(); }
+    ~TestThread() override {
+        m_bStop = true;
+        Wait();
+    }
 
-    using XThread::GetStartArg;
-    using XThread::Reply;
     using XThread::WaitRequest;
 
-    // Answers every command with `handler` until kQuit.
+    // Answers every command with `handler` until the destructor stops it.
     uint32_t Serve(const std::function<XResult(const XCommand&)>& handler) {
-        while (auto cmd = WaitRequest(kInfinite)) {
-            if (cmd->nCommand == kQuit) {
-                Reply(kXOk);
-                return 0;
-            }
-            Reply(handler(*cmd));
+        for (; !m_bStop; m_sPolls += '.') {
+            if (auto cmd = WaitRequest(1)) Reply(handler(*cmd));
         }
-        return 1;
+        m_sPolls += "stopped";  // runs after the destructor body started
+        return 0;
     }
 
 protected:
@@ -42,121 +42,64 @@ protected:
 
 private:
     std::function<uint32_t(TestThread&)> m_body;
+    std::atomic<bool> m_bStop{false};
+    std::string m_sPolls;
 };
 
+// An answer to which every bit of every field contributes, each field in its own way.
 XResult Checksum(const XCommand& c) {
-    return static_cast<XResult>(c.nCommand * 1000003u ^ c.nParam1 ^ (c.nParam2 >> 32));
+    const uint64_t h = (c.nCommand * 0x9E3779B97F4A7C15ull ^ c.nParam1) * 31 + c.nParam2;
+    return static_cast<XResult>(h ^ h >> 32);
 }
 
-TEST(XThread, StartIsRefusedWhileRunningAndCommandsFailWithoutABody) {
+TEST(XThread, StartIsRefusedWhileRunningAndAnUnansweredCommandFails) {
     // The body takes one command and returns without answering it.
     TestThread t([](TestThread& self) {
-        self.WaitRequest(XThread::kInfinite);
+        self.WaitRequest(kInfinite);
         return 0u;
     });
-    // Before the first start there is nobody to deliver to, and no wait for one.
+    // Never started: nobody to deliver to, and no waiting for one. Flags: (timedOut, delivered).
     bool timedOut = true, delivered = true;
-    EXPECT_EQ(t.SendCommand(1, 0, 0, XThread::kInfinite, &timedOut, &delivered), kXFail);
-    EXPECT_FALSE(timedOut);
-    EXPECT_FALSE(delivered);
-    EXPECT_TRUE(t.IsIdle());
-    EXPECT_TRUE(t.WaitIdle(0));
-    EXPECT_EQ(t.GetThreadId(), 0u);
+    EXPECT_EQ(t.SendCommand(1, 0, 0, kInfinite, &timedOut, &delivered), kXFail);
+    EXPECT_EQ(std::pair(timedOut, delivered), std::pair(false, false));
 
     ASSERT_TRUE(t.Start());
-    EXPECT_TRUE(t.IsRunning());
-    EXPECT_NE(t.GetThreadId(), 0u);
     EXPECT_FALSE(t.Start());
+    // The end of the body wakes the caller that would otherwise wait forever for an answer.
+    EXPECT_EQ(t.SendCommand(1, 0, 0, kInfinite, &timedOut, &delivered), kXFail);
+    EXPECT_EQ(std::pair(timedOut, delivered), std::pair(false, true));
 
-    // The caller is woken by the end of the body instead of waiting forever for an answer.
-    EXPECT_EQ(t.SendCommand(1, 0, 0, XThread::kInfinite, &timedOut, &delivered), kXFail);
-    EXPECT_FALSE(timedOut);
-    EXPECT_TRUE(delivered);
-    EXPECT_FALSE(t.IsRunning());
-    EXPECT_TRUE(t.IsIdle());
-    EXPECT_EQ(t.GetThreadId(), 0u);
-    EXPECT_EQ(t.SendCommand(1, 0, 0, XThread::kInfinite, nullptr, &delivered), kXFail);
-    EXPECT_FALSE(delivered);
-
-    // A second run, without an explicit Wait() in between.
-    int arg = 0;
-    ASSERT_TRUE(t.Start(&arg));
-    EXPECT_EQ(t.SendCommand(1, 0, 0, 1000), kXFail);
-    t.Wait();
-    EXPECT_FALSE(t.IsRunning());
+    // The body has returned, so a new run may start, without a Wait() in between.
+    ASSERT_TRUE(t.Start());
+    EXPECT_EQ(t.SendCommand(1, 0, 0, kInfinite), kXFail);
 }
 
-TEST(XThread, CommandsRoundTripWithFullWidthParameters) {
-    void* seenArg = nullptr;
-    std::vector<XCommand> seen;
-    TestThread t([&](TestThread& self) {
-        seenArg = self.GetStartArg();
-        return self.Serve([&](const XCommand& c) {
-            seen.push_back(c);
-            return Checksum(c);
-        });
-    });
-    int arg = 0;
-    ASSERT_TRUE(t.Start(&arg));
-    const std::vector<XCommand> sent = {
-        {7, 0x1122334455667788ull, 0xFFFFFFFF00000001ull}, {8, 0, 0}, {0xFFFFFFFE, ~0ull, 1}};
-    for (const XCommand& c : sent) {
-        bool timedOut = true, delivered = false;
-        EXPECT_EQ(t.SendCommand(c.nCommand, c.nParam1, c.nParam2, 1000, &timedOut, &delivered),
-                  Checksum(c));
-        EXPECT_FALSE(timedOut);
-        EXPECT_TRUE(delivered);
-        EXPECT_TRUE(t.IsIdle());
-    }
-    EXPECT_EQ(t.SendCommand(kQuit, 0, 0, XThread::kInfinite), kXOk);
-    t.Wait();
-    EXPECT_EQ(seenArg, &arg);
-    ASSERT_EQ(seen.size(), sent.size());
-    for (size_t i = 0; i < sent.size(); ++i) {
-        EXPECT_EQ(seen[i].nCommand, sent[i].nCommand);
-        EXPECT_EQ(seen[i].nParam1, sent[i].nParam1);
-        EXPECT_EQ(seen[i].nParam2, sent[i].nParam2);
-    }
-}
-
-TEST(XThread, TimedOutCommandFinishesLaterAndItsLateAnswerReachesNobody) {
+TEST(XThread, TimedOutCommandIsFinishedLaterAndItsLateAnswerReachesNobody) {
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
     TestThread t([&](TestThread& self) {
         return self.Serve([&](const XCommand& c) -> XResult {
-            if (c.nCommand == 2) {
-                opened.wait();
-                return 222;
-            }
+            if (c.nCommand == 2) opened.wait();
             return 100 + c.nCommand;
         });
     });
     ASSERT_TRUE(t.Start());
-
     bool timedOut = false, delivered = false;
     EXPECT_EQ(t.SendCommand(2, 0, 0, 20, &timedOut, &delivered), kXFail);
-    EXPECT_TRUE(timedOut);
-    EXPECT_TRUE(delivered);  // the thread took the job
-    EXPECT_FALSE(t.IsIdle());
-    EXPECT_FALSE(t.WaitIdle(0));
-
+    EXPECT_EQ(std::pair(timedOut, delivered), std::pair(true, true));  // the thread took the job
     // Still busy: a command with no time to wait is not handed over.
     EXPECT_EQ(t.SendCommand(3, 0, 0, 0, &timedOut, &delivered), kXFail);
-    EXPECT_TRUE(timedOut);
-    EXPECT_FALSE(delivered);
+    EXPECT_EQ(std::pair(timedOut, delivered), std::pair(true, false));
 
-    // A sender that waits for idle without limit gets its own answer, not the late 222.
+    // A sender that waits without limit gets its own answer, not the late 102.
     auto waiting =
-        std::async(std::launch::async, [&] { return t.SendCommand(4, 0, 0, XThread::kInfinite); });
+        std::async(std::launch::async, [&] { return t.SendCommand(4, 0, 0, kInfinite); });
     gate.set_value();
     EXPECT_EQ(waiting.get(), 104u);
-    EXPECT_TRUE(t.WaitIdle(XThread::kInfinite));
-    EXPECT_TRUE(t.IsIdle());
-    EXPECT_EQ(t.SendCommand(5, 0, 0, 1000), 105u);
-    EXPECT_EQ(t.SendCommand(kQuit, 0, 0, XThread::kInfinite), kXOk);
+    EXPECT_TRUE(t.WaitIdle(kInfinite));
 }
 
-TEST(XThread, ConcurrentSendersNeverTakeEachOthersAnswers) {
+TEST(XThread, FullWidthCommandsOfConcurrentSendersGetTheirOwnAnswers) {
     TestThread t([](TestThread& self) { return self.Serve(Checksum); });
     ASSERT_TRUE(t.Start());
     std::atomic<int> wrong{0}, answered{0};
@@ -164,11 +107,12 @@ TEST(XThread, ConcurrentSendersNeverTakeEachOthersAnswers) {
     for (uint32_t s = 0; s < 4; ++s) {
         senders.emplace_back([&, s] {
             for (uint64_t i = 0; i < 300; ++i) {
-                const XCommand c{s + 1, i * 0x9E3779B97F4A7C15ull, (i << 32) | s};
-                // Two senders give up quickly, so late answers keep arriving for nobody.
-                const uint32_t limit = (s % 2) ? 0 : XThread::kInfinite;
+                const XCommand c{0xFFFFFFF0 + s, i * 0x9E3779B97F4A7C15ull, ~i << 32 | s};
+                // Two senders give up at once, so late answers keep arriving for nobody; the
+                // others wait long enough never to give up.
                 bool timedOut = false;
-                const XResult r = t.SendCommand(c.nCommand, c.nParam1, c.nParam2, limit, &timedOut);
+                const XResult r =
+                    t.SendCommand(c.nCommand, c.nParam1, c.nParam2, s % 2 ? 0 : 600000, &timedOut);
                 if (r == kXFail && timedOut) continue;
                 ++answered;
                 if (r != Checksum(c)) ++wrong;
@@ -177,67 +121,18 @@ TEST(XThread, ConcurrentSendersNeverTakeEachOthersAnswers) {
     }
     for (std::thread& sender : senders) sender.join();
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_GE(answered.load(), 600);  // every sender without a limit got through
-    EXPECT_EQ(t.SendCommand(kQuit, 0, 0, XThread::kInfinite), kXOk);
+    EXPECT_GE(answered.load(), 600);  // every sender that waits got through
 }
-
-TEST(XThread, BodyEndingWithCommandsWaitingFailsEverySender) {
-    std::promise<void> gate;
-    std::shared_future<void> opened = gate.get_future().share();
-    TestThread t([&](TestThread& self) {
-        self.WaitRequest(XThread::kInfinite);
-        opened.wait();
-        return 0u;  // neither the taken command nor the queued sender is answered
-    });
-    ASSERT_TRUE(t.Start());
-    auto first =
-        std::async(std::launch::async, [&] { return t.SendCommand(1, 0, 0, XThread::kInfinite); });
-    while (t.IsIdle()) std::this_thread::yield();
-    auto second =
-        std::async(std::launch::async, [&] { return t.SendCommand(2, 0, 0, XThread::kInfinite); });
-    gate.set_value();
-    EXPECT_EQ(first.get(), kXFail);
-    EXPECT_EQ(second.get(), kXFail);
-}
-
-// A worker in the shape the engine and the caches use: its body touches members of the derived
-// class up to the moment it returns, so the derived destructor must stop and join it.
-class PollingWorker : public XThread {
-public:
-    ~PollingWorker() override {
-        m_bStop = true;
-        Wait();
-    }
-
-protected:
-    uint32_t ThreadMain() override {
-        while (!m_bStop) {
-            if (auto cmd = WaitRequest(1)) {
-                m_log.push_back(std::to_string(cmd->nCommand));
-                Reply(static_cast<XResult>(m_log.size()));
-            }
-            m_log.emplace_back("tick");
-            if (m_log.size() > 64) m_log.erase(m_log.begin(), m_log.begin() + 32);
-        }
-        m_log.emplace_back("stopped");  // runs after the destructor body started
-        return 0;
-    }
-
-private:
-    std::atomic<bool> m_bStop{false};
-    std::vector<std::string> m_log;  // destroyed before ~XThread runs
-};
 
 TEST(XThread, SubclassStopsItsBodyInItsOwnDestructor) {
     for (int i = 0; i < 20; ++i) {
-        auto worker = std::make_unique<PollingWorker>();
-        ASSERT_TRUE(worker->Start());
+        TestThread worker([](TestThread& self) { return self.Serve(Checksum); });
+        ASSERT_TRUE(worker.Start());
         if (i % 2) {
-            EXPECT_NE(worker->SendCommand(5, 0, 0, XThread::kInfinite), kXFail);
+            EXPECT_EQ(worker.SendCommand(5, 6, 7, kInfinite), Checksum({5, 6, 7}));
         }
-        worker.reset();
     }
-    PollingWorker neverStarted;  // destroying a worker without a thread must not block
+    TestThread neverStarted(nullptr);  // destroying a worker without a thread must not block
 }
 
 }  // namespace

@@ -4,21 +4,16 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <system_error>
 
 class ScratchFolder {
 public:
     ScratchFolder() {
-        std::filesystem::path base;
-        if (const char* env = std::getenv("ORLIMO_TEST_TMP"); env && *env) {
-            base = env;
-        } else {
-            base = std::filesystem::temp_directory_path();
-        }
+        const char* env = getenv("ORLIMO_TEST_TMP");
+        const auto base =
+            env && *env ? std::filesystem::path(env) : std::filesystem::temp_directory_path();
         std::error_code ec;
         std::filesystem::create_directories(base, ec);
         std::string pattern = (base / "scratch-XXXXXX").string();
@@ -35,19 +30,11 @@ public:
     const std::string& Path() const { return path_; }
     // The full path of `relative` inside the folder.
     std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
-
     // Writes a file of `size` bytes and gives its full path.
     std::string MakeFile(const std::string& relative, size_t size = 0) const {
-        const std::string full = *this / relative;
-        std::ofstream out(full, std::ios::binary);
-        out << std::string(size, 'x');
-        EXPECT_TRUE(out.good()) << full;
-        return full;
-    }
-    std::string MakeFolder(const std::string& relative) const {
-        const std::string full = *this / relative;
-        EXPECT_TRUE(std::filesystem::create_directories(full)) << full;
-        return full;
+        std::ofstream out(*this / relative, std::ios::binary);
+        EXPECT_TRUE(out << std::string(size, 'x')) << relative;
+        return *this / relative;
     }
 
 private:
