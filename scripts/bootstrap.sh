@@ -10,7 +10,7 @@ PACKAGES=(
     qt6-base-dev libgl-dev
     # picture formats and colour
     libturbojpeg0-dev libjpeg62-turbo-dev libpng-dev libtiff-dev libjxr-dev libopenjp2-7-dev
-    libraw-dev liblcms2-dev libgs-common
+    libraw-dev liblcms2-dev libgs-common libwebp-dev libavif-dev libheif-dev libjxl-dev
     # archives and their cryptography
     libarchive-dev zlib1g-dev libbz2-dev liblzma-dev libdeflate-dev libssl-dev p7zip-full
     # text, SIMD, sound

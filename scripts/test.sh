@@ -21,5 +21,5 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
 echo "== fuzzing smoke run"
 CC=clang CXX=clang++ scripts/build.sh build-fuzz -DORLIMO_FUZZ=ON -DORLIMO_SANITIZE=ON \
     -DORLIMO_TESTS=OFF -DORLIMO_BENCH=OFF
-tests/fuzz/smoke.sh build-fuzz 60
+tests/fuzz/smoke.sh build-fuzz 20
 echo "== all tests passed"

@@ -12,7 +12,9 @@ namespace {
 
 constexpr std::string_view kImagePatterns =
     "*.jpg;*.jpe;*.jpeg;*.gif;*.png;*.dng;*.bmp;*.tif;*.tiff;*.tga;*.jp2;*.jpc;*.j2k;*.j2c;*.psd;"
-    "*.wdp;*.hdp;";
+    "*.wdp;*.hdp;"
+    // Formats read beyond the first list; appended so that nothing before them changes.
+    "*.webp;*.avif;*.heic;*.heif;*.jxl;";
 constexpr std::string_view kArchivePatterns =
     "*.zip;*.rar;*.alz;*.cbr;*.cbz;*.tar;*.7z;*.lzh;*.lha;*.orl3;";
 constexpr std::string_view kSelfExtractingPatterns = "*.exe;";

@@ -16,6 +16,34 @@ bool HasDngExtension(const char* name) {
     return dot && utf::AsciiLower(dot) == ".dng";
 }
 
+// An ISO media file ("ftyp" box first) of the still-image brands: AVIF, or HEIF in its HEVC
+// forms. A generic "mif1"/"msf1" file is AVIF when its first compatible brands say so.
+XDibFormat ClassifyIsoMedia(const uint8_t* h) {
+    if (std::memcmp(h + 4, "ftyp", 4) != 0) return FORMAT_UNKNOWN;
+    const auto brand = [&](int at, const char* b) { return std::memcmp(h + at, b, 4) == 0; };
+    if (brand(8, "avif") || brand(8, "avis")) return FORMAT_AVIF;
+    for (const char* b : {"heic", "heix", "hevc", "hevx", "heim", "heis"}) {
+        if (brand(8, b)) return FORMAT_HEIF;
+    }
+    if (brand(8, "mif1") || brand(8, "msf1")) {
+        // Compatible brands start at 16; two of them fit into the bytes sniffed.
+        if (brand(16, "avif") || brand(20, "avif") || brand(16, "avis") || brand(20, "avis"))
+            return FORMAT_AVIF;
+        return FORMAT_HEIF;
+    }
+    return FORMAT_UNKNOWN;
+}
+
+// The formats added after the first eleven tests.
+XDibFormat ClassifyModern(const uint8_t* h) {
+    if (std::memcmp(h, "RIFF", 4) == 0 && std::memcmp(h + 8, "WEBP", 4) == 0) return FORMAT_WEBP;
+    if (const XDibFormat iso = ClassifyIsoMedia(h); iso != FORMAT_UNKNOWN) return iso;
+    static const uint8_t kJxlContainer[12] = {0,   0,   0,    0x0C, 'J',  'X',
+                                              'L', ' ', 0x0D, 0x0A, 0x87, 0x0A};
+    if ((h[0] == 0xFF && h[1] == 0x0A) || std::memcmp(h, kJxlContainer, 12) == 0) return FORMAT_JXL;
+    return FORMAT_UNKNOWN;
+}
+
 XDibFormat Classify(const uint8_t* h, const char* name) {
     static const uint8_t kPng[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
     if (h[0] == 'B' && h[1] == 'M') return FORMAT_BMP;
@@ -38,7 +66,7 @@ XDibFormat Classify(const uint8_t* h, const char* name) {
         Le16(h + 5) <= 256 &&
         (type == 1 || type == 2 || type == 3 || type == 9 || type == 10 || type == 11))
         return FORMAT_TGA;
-    return FORMAT_UNKNOWN;
+    return ClassifyModern(h);
 }
 
 }  // namespace
@@ -57,6 +85,7 @@ const char* FormatName(uint32_t format) {
     static const char* const kNames[] = {
         "FORMAT_UNKNOWN", "FORMAT_UNREAD", "FORMAT_BMP", "FORMAT_JPEG", "FORMAT_GIF",
         "FORMAT_TIFF",    "FORMAT_PNG",    "FORMAT_TGA", "FORMAT_PSD",  "FORMAT_JP2",
-        "FORMAT_J2K",     "FORMAT_HDP",    "FORMAT_DNG"};
+        "FORMAT_J2K",     "FORMAT_HDP",    "FORMAT_DNG", "FORMAT_WEBP", "FORMAT_AVIF",
+        "FORMAT_HEIF",    "FORMAT_JXL"};
     return format < std::size(kNames) ? kNames[format] : kNames[0];
 }

@@ -19,6 +19,12 @@ enum XDibFormat : uint32_t {
     FORMAT_J2K = 10,
     FORMAT_HDP = 11,
     FORMAT_DNG = 12,
+    // Formats the program reads beyond its first eleven; sniffed after them, so that no
+    // earlier result changes.
+    FORMAT_WEBP = 13,
+    FORMAT_AVIF = 14,
+    FORMAT_HEIF = 15,
+    FORMAT_JXL = 16,
 };
 
 // Bytes that sniffing reads from the start of a source.

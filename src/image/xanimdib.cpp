@@ -27,7 +27,16 @@ bool XAnimDib::Load(IXDibIO& source, const char* name, CJPEGMetaData* jpegMeta,
                     const XDibScaleRequest* scaleRequest) {
     const XDibFormat format = SniffFormat(source, name);
     // Animated and multi-page formats fill the frames themselves; their results are final.
-    // Until their loaders exist they simply have no decoder.
+    switch (format) {
+        case FORMAT_GIF:
+            return LoadGifFrames(*this, source);
+        case FORMAT_TIFF:
+            return LoadTiffPages(*this, source);
+        case FORMAT_WEBP:
+            return LoadWebpFrames(*this, source, jpegMeta);
+        default:
+            break;
+    }
     Clear();
     auto dib = std::make_unique<XDib>();
     dib->pColorMan = pColorMan;

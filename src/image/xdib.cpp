@@ -1,33 +1,24 @@
 #include "image/xdib.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "image/decoders.h"
 #include "image/format.h"
 #include "image/kernels/kernels.h"
 #include "image/limits.h"
-#include "image/xdib_testing.h"
+#include "image/storage.h"
 #include "image/xdibio.h"
 
 namespace {
 
-std::atomic<uint64_t> gAllocationLimit{0};
-
 bool ValidDepth(uint32_t bpp) {
     return bpp == 1 || bpp == 4 || bpp == 8 || bpp == 16 || bpp == 24 || bpp == 32;
-}
-
-uint8_t* AllocateStorage(uint64_t bytes) {
-    const uint64_t limit = gAllocationLimit.load(std::memory_order_relaxed);
-    if (limit != 0 && bytes > limit) return nullptr;
-    // Zeroed storage: rows a truncated file never reached show as black, not as old memory.
-    return static_cast<uint8_t*>(std::calloc(1, bytes));
 }
 
 // The one blend table of translucent blits, shared by all pictures.
@@ -94,11 +85,9 @@ uint32_t IndexAt(const uint8_t* row, uint32_t x, uint32_t bpp) {
 
 }  // namespace
 
-namespace xdib_testing {
-void SetAllocationLimit(uint64_t bytes) {
-    gAllocationLimit.store(bytes);
+void XDibStorageDeleter::operator()(uint8_t* block) const {
+    xdib_storage::Release(block, nBlockBytes);
 }
-}  // namespace xdib_testing
 
 XDib::XDib(XDib&& other) noexcept {
     *this = std::move(other);
@@ -122,9 +111,12 @@ XDib& XDib::operator=(XDib&& other) noexcept {
     return *this;
 }
 
-bool XDib::Create(uint32_t width, uint32_t height, uint32_t bpp, uint32_t paletteCount,
-                  const uint8_t* palette) {
-    Destroy();
+namespace {
+
+// Makes the storage of a picture; `zeroed` clears palette and rows.
+bool MakeStorage(XDib& dib, uint32_t width, uint32_t height, uint32_t bpp, uint32_t paletteCount,
+                 const uint8_t* palette, bool zeroed) {
+    dib.Destroy();
     if (width == 0 || height == 0 || width >= 0x7FFFFFFF || height >= 0x7FFFFFFF) return false;
     if (!ValidDepth(bpp)) return false;
     // The row length is worked out in 64 bits: the stride formula keeps only 29 bits, so a
@@ -135,21 +127,41 @@ bool XDib::Create(uint32_t width, uint32_t height, uint32_t bpp, uint32_t palett
     const uint32_t stride = static_cast<uint32_t>(rowBytes);
     const uint64_t pixelBytes = uint64_t(stride) * height;
     if (pixelBytes > kMaxPictureBytes) return false;
-    const uint32_t paletteSize = bpp <= 8 ? 1u << bpp : 0;
-    uint8_t* block = AllocateStorage(pixelBytes + paletteSize * 4);
+    const uint32_t paletteBytes = bpp <= 8 ? 4u << bpp : 0;
+    size_t blockBytes = 0;
+    uint8_t* block = xdib_storage::Acquire(pixelBytes + paletteBytes, zeroed, blockBytes);
     if (!block) return false;
-    hBitmap.reset(block);
-    if (palette && paletteCount && paletteSize) {
-        nPaletteCount = std::min(paletteCount, paletteSize);
-        std::memcpy(block, palette, size_t(nPaletteCount) * 4);
+    dib.hBitmap = std::unique_ptr<uint8_t, XDib::StorageDeleter>(block, {blockBytes});
+    if (!zeroed) std::memset(block, 0, paletteBytes);  // entries no palette defines are black
+    if (palette && paletteCount && paletteBytes) {
+        dib.nPaletteCount = std::min(paletteCount, paletteBytes / 4);
+        std::memcpy(block, palette, size_t(dib.nPaletteCount) * 4);
     }
-    nWidth = width;
-    nHeight = height;
-    nBpp = bpp;
-    nStride = stride;
-    nBytesPerPixel = bpp <= 8 ? 1 : bpp / 8;
-    pBits = block + paletteSize * 4;
+    dib.nWidth = width;
+    dib.nHeight = height;
+    dib.nBpp = bpp;
+    dib.nStride = stride;
+    dib.nBytesPerPixel = bpp <= 8 ? 1 : bpp / 8;
+    dib.pBits = block + paletteBytes;
     return true;
+}
+
+}  // namespace
+
+bool XDib::Create(uint32_t width, uint32_t height, uint32_t bpp, uint32_t paletteCount,
+                  const uint8_t* palette) {
+    return MakeStorage(*this, width, height, bpp, paletteCount, palette, true);
+}
+
+bool XDib::CreateDirty(uint32_t width, uint32_t height, uint32_t bpp, uint32_t paletteCount,
+                       const uint8_t* palette) {
+    return MakeStorage(*this, width, height, bpp, paletteCount, palette, false);
+}
+
+void XDib::ClearRows(uint32_t first, uint32_t count) {
+    if (!hBitmap || first >= nHeight) return;
+    count = std::min(count, nHeight - first);
+    std::memset(GetRow(first), 0, size_t(count) * nStride);
 }
 
 void XDib::Destroy() {
@@ -337,7 +349,7 @@ bool XDib::ConvertBpp(uint32_t newBpp) {
                            (nBpp == 24 && newBpp == 32) || (nBpp == 32 && newBpp == 24);
     if (!supported) return false;
     XDib converted;
-    if (!converted.Create(nWidth, nHeight, newBpp)) return false;
+    if (!converted.CreateDirty(nWidth, nHeight, newBpp)) return false;
     const uint8_t* palette = GetPalette();
     const uint32_t outBytes = newBpp / 8;
     for (uint32_t y = 0; y < nHeight; ++y) {
@@ -363,7 +375,8 @@ bool XDib::Rotate(int direction) {
     if (IsEmpty() || (nBpp != 24 && nBpp != 32) || direction < 0 || direction > 2) return false;
     const bool quarter = direction != 2;
     XDib rotated;
-    if (!rotated.Create(quarter ? nHeight : nWidth, quarter ? nWidth : nHeight, nBpp)) return false;
+    if (!rotated.CreateDirty(quarter ? nHeight : nWidth, quarter ? nWidth : nHeight, nBpp))
+        return false;
     const uint32_t bpp = nBytesPerPixel;
     // Tiles keep both the rows read and the rows written in cache for quarter turns.
     constexpr uint32_t kTile = 64;
@@ -428,8 +441,11 @@ bool XDib::SaveBmp(const char* path) const {
     header[28] = 24;
     put32(34, imageSize);
     if (std::fwrite(header, 1, sizeof(header), file.get()) != sizeof(header)) return false;
+    // Row padding is written as zeros, whatever the storage holds there.
+    std::vector<uint8_t> row(nStride, 0);
     for (uint32_t y = nHeight; y-- > 0;) {
-        if (std::fwrite(GetRow(y), 1, nStride, file.get()) != nStride) return false;
+        std::memcpy(row.data(), GetRow(y), size_t(nWidth) * 3);
+        if (std::fwrite(row.data(), 1, nStride, file.get()) != nStride) return false;
     }
     return std::fflush(file.get()) == 0;
 }
@@ -444,12 +460,24 @@ bool XDib::LoadFromMemory(const void* data, size_t size) {
     return LoadFromIO(source);
 }
 
-bool DecodeByFormat(XDib& dib, IXDibIO& source, XDibFormat format, CJPEGMetaData*,
-                    const XDibScaleRequest*) {
+bool DecodeByFormat(XDib& dib, IXDibIO& source, XDibFormat format, CJPEGMetaData* jpegMeta,
+                    const XDibScaleRequest* scaleRequest) {
     bool whole = false;
     switch (format) {
         case FORMAT_BMP:
             whole = DecodeBmp(dib, source);
+            break;
+        case FORMAT_JPEG:
+            whole = DecodeJpeg(dib, source, jpegMeta, scaleRequest);
+            break;
+        case FORMAT_GIF:
+            whole = DecodeGifFirst(dib, source);
+            break;
+        case FORMAT_TIFF:
+            whole = DecodeTiffFirst(dib, source);
+            break;
+        case FORMAT_PNG:
+            whole = DecodePng(dib, source);
             break;
         case FORMAT_TGA:
             whole = DecodeTga(dib, source);
@@ -457,8 +485,30 @@ bool DecodeByFormat(XDib& dib, IXDibIO& source, XDibFormat format, CJPEGMetaData
         case FORMAT_PSD:
             whole = DecodePsd(dib, source);
             break;
+        case FORMAT_JP2:
+        case FORMAT_J2K:
+            whole = DecodeJpeg2000(dib, source, format);
+            break;
+        case FORMAT_HDP:
+            whole = DecodeHdp(dib, source, scaleRequest);
+            break;
+        case FORMAT_DNG:
+            whole = DecodeDng(dib, source);
+            break;
+        case FORMAT_WEBP:
+            whole = DecodeWebpFirst(dib, source, jpegMeta);
+            break;
+        case FORMAT_AVIF:
+            whole = DecodeAvif(dib, source, jpegMeta);
+            break;
+        case FORMAT_HEIF:
+            whole = DecodeHeif(dib, source, jpegMeta);
+            break;
+        case FORMAT_JXL:
+            whole = DecodeJxl(dib, source, jpegMeta);
+            break;
         default:
-            return false;  // no decoder for this format in this build
+            return false;
     }
     if (whole) dib.nFormat = format;
     return whole;

@@ -30,6 +30,12 @@ struct XDibScaleRequest {
 // Called by long filters with (row, total rows, data); a non-zero result stops the filter.
 using XDibProgressFn = int (*)(uint32_t row, uint32_t total, void* data);
 
+// Hands a picture's block back to the picture storage, which may keep it for the next picture.
+struct XDibStorageDeleter {
+    size_t nBlockBytes = 0;
+    void operator()(uint8_t* block) const;
+};
+
 class XDib {
 public:
     static constexpr uint32_t kDefaultTransparent = 0xFF00FF;
@@ -47,6 +53,13 @@ public:
     // can't make; the record is then clean and the result false.
     bool Create(uint32_t width, uint32_t height, uint32_t bpp, uint32_t paletteCount = 0,
                 const uint8_t* palette = nullptr);
+    // The same without clearing the rows, for decoders that write every row themselves; one
+    // that stops early clears the rest with ClearRows. A decoder may write up to 64 bytes past
+    // the end of the last row.
+    bool CreateDirty(uint32_t width, uint32_t height, uint32_t bpp, uint32_t paletteCount = 0,
+                     const uint8_t* palette = nullptr);
+    // Sets `count` rows from `first` on (cut to the picture) to zero.
+    void ClearRows(uint32_t first, uint32_t count);
     // Clears every field to the state of a new record.
     void Destroy();
     bool IsEmpty() const { return !hBitmap; }
@@ -93,12 +106,11 @@ public:
                     const XDibScaleRequest* scaleRequest = nullptr);
     bool LoadFromMemory(const void* data, size_t size);
 
-    struct FreeDeleter {
-        void operator()(uint8_t* p) const { std::free(p); }
-    };
+    using StorageDeleter = XDibStorageDeleter;
 
-    // The storage: the palette (for depths up to 8) followed by the rows. Null: no picture.
-    std::unique_ptr<uint8_t, FreeDeleter> hBitmap;
+    // The storage: the palette (for depths up to 8) followed by the rows, and a few bytes of
+    // slack behind the last row. Null: no picture.
+    std::unique_ptr<uint8_t, StorageDeleter> hBitmap;
     uint32_t nWidth = 0;
     uint32_t nHeight = 0;
     uint32_t nBpp = 0;

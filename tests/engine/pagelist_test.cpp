@@ -141,7 +141,8 @@ TEST(OpenPath, FoldersFilesAndArchives) {
     // other kinds and folders named like pictures.
     ScratchFolder dir;
     for (int n : {10, 2, 1}) dir.MakeFile("page" + std::to_string(n) + ".jpg", n);
-    dir.MakeFile("page3.webp", 3);
+    dir.MakeFile("page3.pcx", 3);
+    dir.MakeFile("page4.HEIC", 4);  // formats added to the list later take part like the rest
     dir.MakeFile("x.cbz");
     dir.MakeFile("README");
     std::filesystem::create_directories(dir / "sub.png/in.jpg");
@@ -154,19 +155,20 @@ TEST(OpenPath, FoldersFilesAndArchives) {
     EXPECT_EQ(result.kind, OpenPathResult::Kind::kFolder);
     EXPECT_TRUE(result.bFolderListed);
     EXPECT_EQ(result.sCurrentFolder, dir.Path());
-    EXPECT_EQ(Names(list), (Strings{"page1.jpg", "page2.jpg", "page10.jpg"}));
+    EXPECT_EQ(Names(list), (Strings{"page1.jpg", "page2.jpg", "page4.HEIC", "page10.jpg"}));
     EXPECT_EQ(list.GetCurrentPath(), dir / "page1.jpg");
-    EXPECT_EQ(list.GetEntry(2)->nFileSize, 10);
+    EXPECT_EQ(list.GetEntry(3)->nFileSize, 10);
 
     // Opened alone, a file of unknown kind still becomes a page, at its sorted place.
-    result = open(dir / "page3.webp", true);
+    result = open(dir / "page3.pcx", true);
     EXPECT_EQ(result.kind, OpenPathResult::Kind::kImages);
     EXPECT_EQ(result.sCurrentFolder, dir.Path());
-    EXPECT_EQ(Names(list), (Strings{"page1.jpg", "page2.jpg", "page3.webp", "page10.jpg"}));
-    EXPECT_EQ(list.GetCurrentPath(), dir / "page3.webp");
+    EXPECT_EQ(Names(list),
+              (Strings{"page1.jpg", "page2.jpg", "page3.pcx", "page4.HEIC", "page10.jpg"}));
+    EXPECT_EQ(list.GetCurrentPath(), dir / "page3.pcx");
     EXPECT_EQ(list.GetEntry(2)->nFileSize, 3);
     open(dir / "page2.jpg", true);
-    EXPECT_EQ(list.GetCount(), 3);  // found by the listing, not added twice
+    EXPECT_EQ(list.GetCount(), 4);  // found by the listing, not added twice
     EXPECT_EQ(list.GetCurrent(), 1);
     // A file whose folder can't be listed still becomes the one page.
     EXPECT_FALSE(open(dir / "gone/page.jpg", true).bFolderListed);
@@ -177,7 +179,7 @@ TEST(OpenPath, FoldersFilesAndArchives) {
     result = open(dir / "page10.jpg", false);
     EXPECT_EQ(result.kind, OpenPathResult::Kind::kImages);
     EXPECT_TRUE(result.sCurrentFolder.empty());
-    EXPECT_EQ(OpenPath(list, dir / "page3.webp", false).kind, OpenPathResult::Kind::kNothing);
+    EXPECT_EQ(OpenPath(list, dir / "page3.pcx", false).kind, OpenPathResult::Kind::kNothing);
     // Archives go to the engine, which lists them, with or without a scan.
     EXPECT_EQ(OpenPath(list, dir / "x.cbz", false).kind, OpenPathResult::Kind::kArchive);
     EXPECT_EQ(OpenPath(list, dir / "setup.EXE", true).kind, OpenPathResult::Kind::kArchive);

@@ -88,6 +88,35 @@ TEST(XDib, CreateRefusesBadSizesDepthsAndOversizedStorage) {
     EXPECT_FALSE(dib.Create(width, 1, 8)) << "stride " << dib.nStride << " for a row of " << width;
 }
 
+TEST(XDib, StorageOfAFreedPictureComesBackClearedAndWithItsPalette) {
+    // Large blocks are kept and handed out again: whatever the last picture left in them,
+    // Create must clear rows and palette, and CreateDirty must still clear the palette.
+    for (int round = 0; round < 3; ++round) {
+        XDib used;
+        ASSERT_TRUE(used.Create(1000, 400, 32));
+        std::memset(used.pBits, 0xAB, size_t(used.nStride) * used.nHeight);
+    }
+    XDib fresh;
+    ASSERT_TRUE(fresh.Create(1000, 400, 32));
+    for (uint32_t y = 0; y < fresh.nHeight; y += 37)
+        for (uint32_t x = 0; x < fresh.nStride; x += 13) ASSERT_EQ(fresh.GetRow(y)[x], 0);
+    {
+        XDib used;
+        ASSERT_TRUE(used.Create(2000, 800, 8));
+        std::memset(used.GetPalette(), 0xCD, 1024);
+    }
+    XDib dirty;
+    const uint8_t grey[4] = {9, 9, 9, 0};
+    ASSERT_TRUE(dirty.CreateDirty(2000, 800, 8, 1, grey));
+    EXPECT_EQ(dirty.GetPalette()[0], 9);
+    EXPECT_EQ(dirty.GetPalette()[4 * 255 + 2], 0) << "undefined entries must read black";
+    std::memset(dirty.pBits, 0x77, size_t(dirty.nStride) * dirty.nHeight);
+    dirty.ClearRows(798, 10);  // cut to the picture
+    EXPECT_EQ(dirty.GetRow(797)[0], 0x77);
+    EXPECT_EQ(dirty.GetRow(798)[0], 0);
+    EXPECT_EQ(dirty.GetRow(799)[1999], 0);
+}
+
 TEST(XDib, CopyFromReusesStorageOnlyAboveEightBits) {
     XDib source, target;
     ToDib(Pattern(7, 5), source, 24);

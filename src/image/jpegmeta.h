@@ -1,0 +1,41 @@
+// The JPEG metadata pass: walks a JPEG's sections up to the first scan, keeps the first
+// comment, and parses an EXIF block into an ExifInfo. The EXIF parser also serves containers
+// that carry an EXIF block of their own (WebP, AVIF, HEIF, JPEG XL).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "image/exifinfo.h"
+
+class IXDibIO;
+
+class CJPEGMetaData {
+public:
+    // Fills `info`, which must outlive the collector. The record is zeroed as a whole first,
+    // nFlashUsed then starting at -1.
+    explicit CJPEGMetaData(ExifInfo* info);
+
+    // The pass over a JPEG stream. The position is noted and restored. True when the sections
+    // up to the first scan were read; bIsExif tells whether an EXIF block parsed.
+    bool Read(IXDibIO& source);
+
+    // An EXIF block as it stands in APP1: "Exif", a zero u16, then the TIFF header.
+    bool ParseExifBlock(const uint8_t* data, size_t size);
+    // A bare TIFF-structured EXIF block (byte-order mark first), as other containers store it.
+    bool ParseTiffExif(const uint8_t* data, size_t size);
+
+    ExifInfo* GetInfo() const { return pInfo; }
+    // The text of the last fault, empty when there was none.
+    const std::string& GetError() const { return sError; }
+    // The first comment (COM section) of the file, empty when there was none.
+    const std::string& GetComment() const { return sComment; }
+
+private:
+    ExifInfo* pInfo;
+    std::string sError;
+    std::string sComment;
+    int nMotorolaOrder = 0;
+    uint32_t nExifImageWidth = 0;
+};
