@@ -1,5 +1,6 @@
-// make-sample-book OUTDIR: draws a small comic book of our own and writes its pages in the
-// formats the program decodes itself (BMP, TGA, PSD), so a fresh build has something to read.
+// make-sample-book OUTDIR: draws a small comic book of our own and writes its pages in many of
+// the formats the program reads (BMP, TGA, PSD, JPEG, PNG, TIFF, WebP), so a fresh build has
+// something to read.
 //
 // Everything is drawn from code and is the same on every run: tinted paper, panels with black
 // borders, simple scenes (hills, a city, the sea, rings, a speech balloon) and a big page
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "imgwrite/imgwrite.h"
+#include "library_writers.h"
 
 using imgwrite::Picture;
 using imgwrite::Rgba;
@@ -352,12 +354,55 @@ Picture Posterise(Picture p) {
     return p;
 }
 
+// A quarter turn anticlockwise: stored so, and marked with EXIF orientation 6, the page shows
+// upright once the viewer turns it back.
+Picture TurnAnticlockwise(const Picture& p) {
+    Picture out(p.height, p.width);
+    for (uint32_t y = 0; y < p.height; ++y)
+        for (uint32_t x = 0; x < p.width; ++x) out.At(y, p.width - 1 - x) = p.At(x, y);
+    return out;
+}
+
+// The margins of the page see-through and the foot fading out, for a page with alpha.
+Picture WithSeeThroughMargins(Picture p) {
+    const int margin = 36, footer = 150;
+    for (uint32_t y = 0; y < p.height; ++y) {
+        for (uint32_t x = 0; x < p.width; ++x) {
+            const bool inMargin =
+                int(x) < margin - 8 || int(x) >= int(p.width) - margin + 8 || int(y) < margin - 8;
+            if (inMargin) p.At(x, y).a = 0;
+            if (int(y) >= int(p.height) - footer)
+                p.At(x, y).a = uint8_t(p.At(x, y).a * (p.height - y) / footer);
+        }
+    }
+    return p;
+}
+
+// A label in a box at the top right, marking the pages of a multi-page file.
+Picture Labelled(Picture p, const std::string& text) {
+    const int w = TextWidth(text, 4) + 24, x = int(p.width) - w - 50, y = 50;
+    FillRect(p, x, y, w, 52, kWhite);
+    Frame(p, x, y, w, 52, 4, kInk);
+    Text(p, x + 12, y + 12, 4, text, kInk);
+    return p;
+}
+
+// Writes page `number` (drawn as `art`) to `path`.
+using PageWriter = std::function<bool(const std::string& path, const Picture& art)>;
+
 struct PageFile {
     int number;
     const char* extension;
     bool spread;
-    std::function<imgwrite::Bytes(const Picture&)> write;
+    PageWriter write;
 };
+
+PageWriter Bytewise(std::function<imgwrite::Bytes(const Picture&)> encode) {
+    return [encode](const std::string& path, const Picture& art) {
+        const imgwrite::Bytes bytes = encode(art);
+        return !bytes.empty() && imgwrite::WriteFile(path, bytes);
+    };
+}
 
 }  // namespace
 
@@ -371,30 +416,60 @@ int main(int argc, char** argv) {
     std::filesystem::create_directories(dir, error);
 
     using namespace imgwrite;
-    const auto bmp24 = [](const Picture& p) { return WriteBmp(p, {.bpp = 24}); };
-    const auto bmp32 = [](const Picture& p) { return WriteBmp(p, {.bpp = 32}); };
-    const auto rle8 = [](const Picture& p) {
-        return WriteBmp(Posterise(p), {.bpp = 8, .rle = true});
+    using samplewrite::JpegOptions;
+    const PageWriter bmp24 = Bytewise([](const Picture& p) { return WriteBmp(p, {.bpp = 24}); });
+    const PageWriter bmp32 = Bytewise([](const Picture& p) { return WriteBmp(p, {.bpp = 32}); });
+    const PageWriter rle8 =
+        Bytewise([](const Picture& p) { return WriteBmp(Posterise(p), {.bpp = 8, .rle = true}); });
+    const PageWriter tgaRle =
+        Bytewise([](const Picture& p) { return WriteTga(p, {.type = 10, .depth = 24}); });
+    const PageWriter tgaRaw =
+        Bytewise([](const Picture& p) { return WriteTga(p, {.type = 2, .depth = 32}); });
+    const PageWriter psdRgb =
+        Bytewise([](const Picture& p) { return WritePsd(p, {.mode = 3, .packBits = true}); });
+    const PageWriter psdCmyk =
+        Bytewise([](const Picture& p) { return WritePsd(p, {.mode = 4, .packBits = true}); });
+    const PageWriter jpegProgressive =
+        Bytewise([](const Picture& p) { return samplewrite::WriteJpeg(p, {.progressive = true}); });
+    const PageWriter jpegCmyk =
+        Bytewise([](const Picture& p) { return samplewrite::WriteJpeg(p, {.cmyk = true}); });
+    const PageWriter jpegTurned = Bytewise([](const Picture& p) {
+        return samplewrite::WriteJpeg(TurnAnticlockwise(p), {.exifOrientation = 6});
+    });
+    const PageWriter pngAlpha =
+        Bytewise([](const Picture& p) { return samplewrite::WritePng(WithSeeThroughMargins(p)); });
+    const PageWriter tiffPages = [](const std::string& path, const Picture& art) {
+        return samplewrite::WriteTiffPages(
+            path, {Labelled(art, "1 OF 3"), Labelled(art, "2 OF 3"), Labelled(art, "3 OF 3")});
     };
-    const auto tgaRle = [](const Picture& p) { return WriteTga(p, {.type = 10, .depth = 24}); };
-    const auto tgaRaw = [](const Picture& p) { return WriteTga(p, {.type = 2, .depth = 32}); };
-    const auto psdRgb = [](const Picture& p) { return WritePsd(p, {.mode = 3, .packBits = true}); };
-    const auto psdCmyk = [](const Picture& p) {
-        return WritePsd(p, {.mode = 4, .packBits = true});
-    };
+    const PageWriter webp = Bytewise([](const Picture& p) { return samplewrite::WriteWebp(p); });
     const PageFile kPages[] = {
-        {1, "bmp", false, bmp24},   {2, "tga", false, tgaRle},  {3, "psd", false, psdRgb},
-        {4, "bmp", false, rle8},    {5, "tga", false, tgaRaw},  {6, "bmp", false, bmp32},
-        {7, "psd", false, psdCmyk}, {8, "bmp", true, bmp24},    {9, "tga", false, tgaRle},
-        {10, "psd", false, psdRgb}, {11, "bmp", false, rle8},   {12, "tga", false, tgaRaw},
-        {13, "tga", true, tgaRle},  {14, "psd", false, psdRgb},
+        {1, "bmp", false, bmp24},
+        {2, "tga", false, tgaRle},
+        {3, "psd", false, psdRgb},
+        {4, "bmp", false, rle8},
+        {5, "tga", false, tgaRaw},
+        {6, "bmp", false, bmp32},
+        {7, "psd", false, psdCmyk},
+        {8, "bmp", true, bmp24},
+        {9, "tga", false, tgaRle},
+        {10, "psd", false, psdRgb},
+        {11, "bmp", false, rle8},
+        {12, "tga", false, tgaRaw},
+        {13, "tga", true, tgaRle},
+        {14, "psd", false, psdRgb},
+        {15, "jpg", false, jpegProgressive},
+        {16, "jpg", false, jpegCmyk},
+        {17, "jpg", false, jpegTurned},
+        {18, "png", false, pngAlpha},
+        {20, "tif", false, tiffPages},
+        {21, "webp", false, webp},
     };
     int written = 0;
     for (const PageFile& f : kPages) {
         const Picture art = f.spread ? DrawSpread(f.number) : DrawPage(f.number);
-        const Bytes bytes = f.write(art);
         const std::string name = "page" + std::to_string(f.number) + "." + f.extension;
-        if (bytes.empty() || !WriteFile((dir / name).string(), bytes)) {
+        if (!f.write((dir / name).string(), art)) {
             std::fprintf(stderr, "make-sample-book: can't write %s\n", name.c_str());
             return 1;
         }
