@@ -264,7 +264,6 @@ private:
         }
         uint32_t n = 0;
         while (n < size && in.Byte(block[n])) ++n;
-        if (n < size) bDataEnded = true;
         nBlockLen = n;
         nBlockPos = 0;
         return n > 0;
