@@ -482,6 +482,9 @@ TEST(GifDecoder, FirstPictureOnly) {
     EXPECT_EQ(first.dib.nBpp, 32u);
     EXPECT_EQ(first.dib.nFormat, uint32_t(FORMAT_GIF));
     EXPECT_TRUE(SamePixels(first.dib, Indexed(3, 2, {0, 1, 2, 3, 4, 5}), true));
+    // A still picture of up to 256 colours, as the writer makes it for the sample book.
+    const Picture still = Opaque(Pattern(13, 7, 200));
+    EXPECT_TRUE(DecodesTo(imgwrite::WriteGif(still), still, 32, FORMAT_GIF, true));
     // A target holding another picture is replaced.
     XDib dib;
     ASSERT_TRUE(dib.Create(50, 50, 24));
