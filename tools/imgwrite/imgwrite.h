@@ -1,4 +1,4 @@
-// Writers of BMP, TGA and PSD files, for the decoder tests and the sample book generator.
+// Writers of BMP, TGA, PSD and GIF files, for the decoder tests and the sample book generator.
 //
 // They are deliberately plain: each writes exactly what its options say, so that a test can
 // compare a decoded picture with the picture it started from. Nothing in the program uses them.
@@ -116,6 +116,91 @@ Bytes WritePsd(const Picture& picture, const PsdOptions& options = {});
 
 // PackBits of one row: literal runs (n < 128: n + 1 bytes follow) and repeats (257 - n copies).
 Bytes PackBits(const uint8_t* data, size_t size);
+
+// ---- GIF ----------------------------------------------------------------------------------
+
+// One extension block: 0x21, the label, each sub-block with its size, then a size of 0.
+// Comments are label 0xFE, application blocks 0xFF (their first sub-block is the 11 bytes of
+// name and code), graphic control 0xF9, plain text 0x01.
+struct GifExtension {
+    uint8_t label = 0xFE;
+    std::vector<Bytes> subBlocks = {};
+};
+
+// A comment of one sub-block per text.
+GifExtension GifComment(const std::vector<std::string>& texts);
+// The looping application block ("NETSCAPE2.0", sub-block 1 with the loop count).
+GifExtension GifLoop(uint16_t count);
+
+// A graphic control block.
+struct GifControl {
+    uint8_t disposal = 0;           // 0..7, as stored in bits 2-4
+    int32_t transparentIndex = -1;  // -1: no transparent colour
+    uint16_t delay = 0;             // hundredths of a second
+};
+GifExtension GifControlBlock(const GifControl& control);
+
+// How the LZW data of a frame is coded.
+struct GifLzwOptions {
+    uint8_t minCodeSize = 0;  // 0: from the largest index (at least 2); else 2..11
+    // When the table reaches 4096 codes: write a clear code and start over, or (false) go on
+    // with 12-bit codes and a full table, as the format allows.
+    bool clearWhenFull = true;
+    uint32_t clearEvery = 0;  // > 0: a clear code after every this many data codes
+    // > 0: the n-th time a code names the string being defined (the code right after the
+    // last defined one), a larger code is written in its place; readers that treat every code
+    // beyond the table as that string decode the same pixels.
+    uint32_t badCodeAt = 0;
+    bool endCode = true;      // write the end code
+    uint8_t blockSize = 255;  // data sub-blocks of at most this many bytes (1..255)
+};
+
+struct GifFrame {
+    uint16_t left = 0, top = 0, width = 0, height = 0;
+    std::vector<uint8_t> indices = {};    // width * height palette indices, rows top first
+    std::vector<Rgba> localPalette = {};  // empty: no local palette
+    // The palette size field (low bits of the frame's flags); -1: the smallest that holds the
+    // palette. The writer stores 2 << (field & 15) entries, padded with black: the reserved
+    // bit 3 widens the table for readers that mask with 15 instead of 7.
+    int32_t localSizeField = -1;
+    bool interlaced = false;
+    std::vector<GifExtension> extensions = {};  // written before the control block
+    bool hasControl = false;
+    GifControl control = {};
+    GifLzwOptions lzw = {};
+    // When not empty: written in place of the coded indices, from the minimum code size byte
+    // on (see GifImageData), for streams no encoder writes.
+    Bytes imageData = {};
+};
+
+struct GifOptions {
+    uint16_t width = 0, height = 0;        // logical screen
+    std::vector<Rgba> globalPalette = {};  // empty: no global palette
+    uint8_t background = 0;                // background index
+    bool gif87a = false;
+    std::vector<GifExtension> tail = {};  // written after the last frame
+    bool trailer = true;
+};
+
+Bytes WriteGif(const GifOptions& options, const std::vector<GifFrame>& frames);
+// A still picture of at most 256 colours (alpha ignored) as one frame with a global palette.
+// Empty when the picture has more colours.
+Bytes WriteGif(const Picture& picture);
+
+// LZW data of `indices` (the minimum code size byte, sub-blocks, the terminating 0). Empty
+// when an index doesn't fit the minimum code size or `badCodeAt` found no place.
+Bytes GifLzw(const std::vector<uint8_t>& indices, const GifLzwOptions& options = {});
+
+// Codes of the given widths packed least significant bit first, as GIF stores them.
+struct GifCode {
+    uint16_t code = 0;
+    uint8_t bits = 0;
+};
+Bytes GifPackCodes(const std::vector<GifCode>& codes);
+// Image data from packed bytes: the minimum code size, sub-blocks of at most `blockSize`
+// bytes, and (with `terminator`) the closing 0.
+Bytes GifImageData(uint8_t minCodeSize, const Bytes& packed, uint8_t blockSize = 255,
+                   bool terminator = true);
 
 // ---- Files --------------------------------------------------------------------------------
 
