@@ -387,6 +387,58 @@ Picture Labelled(Picture p, const std::string& text) {
     return p;
 }
 
+// The page with a red ball bouncing across its upper left: eight frames, the first the whole
+// page, the others only the part that changes, each kept under the next (disposal 1).
+imgwrite::Bytes WriteBouncingBall(const Picture& art) {
+    using namespace imgwrite;
+    constexpr Rgba kBall{255, 51, 51, 255}, kShine{255, 255, 255, 255};
+    const Picture base = Posterise(art);
+    const int ax = 60, ay = 60, aw = 320, ah = 300;  // the area the ball moves in
+    const auto withBall = [&](int k) {
+        Picture p = base;
+        const double t = k / 7.0;
+        const int cx = ax + 40 + int(t * (aw - 80));
+        const int cy = ay + ah - 40 - int(std::abs(std::sin(t * 3.14159 * 2)) * (ah - 80));
+        Ellipse(p, cx, cy, 34, 34, kInk);
+        Ellipse(p, cx, cy, 30, 30, kBall);
+        Ellipse(p, cx - 10, cy - 10, 7, 7, kShine);
+        return p;
+    };
+    std::vector<Rgba> palette;
+    std::vector<uint8_t> first;
+    if (!BuildPalette(withBall(0), 256, palette, first)) return {};
+    for (Rgba extra : {kBall, kShine, kInk}) {
+        if (std::find(palette.begin(), palette.end(), extra) == palette.end())
+            palette.push_back(extra);
+    }
+    if (palette.size() > 256) return {};
+    const auto indexOf = [&](Rgba c) {
+        return uint8_t(std::find(palette.begin(), palette.end(), Rgba{c.r, c.g, c.b, 255}) -
+                       palette.begin());
+    };
+    GifOptions options{
+        .width = uint16_t(base.width), .height = uint16_t(base.height), .globalPalette = palette};
+    options.tail = {};
+    std::vector<GifFrame> frames;
+    for (int k = 0; k < 8; ++k) {
+        const Picture p = withBall(k);
+        GifFrame f;
+        f.hasControl = true;
+        f.control = {.disposal = 1, .delay = 12};
+        if (k == 0) {
+            f.width = uint16_t(p.width), f.height = uint16_t(p.height);
+            f.indices = first;
+            f.extensions = {GifLoop(0)};
+        } else {
+            f.left = ax, f.top = ay, f.width = aw, f.height = ah;
+            for (int y = ay; y < ay + ah; ++y)
+                for (int x = ax; x < ax + aw; ++x) f.indices.push_back(indexOf(p.At(x, y)));
+        }
+        frames.push_back(std::move(f));
+    }
+    return WriteGif(options, frames);
+}
+
 // Writes page `number` (drawn as `art`) to `path`.
 using PageWriter = std::function<bool(const std::string& path, const Picture& art)>;
 
@@ -443,6 +495,7 @@ int main(int argc, char** argv) {
             path, {Labelled(art, "1 OF 3"), Labelled(art, "2 OF 3"), Labelled(art, "3 OF 3")});
     };
     const PageWriter webp = Bytewise([](const Picture& p) { return samplewrite::WriteWebp(p); });
+    const PageWriter gifAnimated = Bytewise(WriteBouncingBall);
     const PageFile kPages[] = {
         {1, "bmp", false, bmp24},
         {2, "tga", false, tgaRle},
@@ -462,6 +515,7 @@ int main(int argc, char** argv) {
         {16, "jpg", false, jpegCmyk},
         {17, "jpg", false, jpegTurned},
         {18, "png", false, pngAlpha},
+        {19, "gif", false, gifAnimated},
         {20, "tif", false, tiffPages},
         {21, "webp", false, webp},
     };
