@@ -673,7 +673,11 @@ bool Decoder::DecodeBlock(Component& c, int16_t* block) {
 }
 
 // One lossless sample at (x, y) of component `c`: the prediction from its decoded neighbours
-// plus the coded difference, modulo 2^16.
+// plus the coded difference, modulo 2^16. The first sample of a scan or restart interval is
+// predicted from half the range, the rest of that first line from the left, the first column
+// of later lines from above. Encoders end restart intervals at the end of a row of MCUs; one
+// that ends inside a row starts its first line at the restart and goes on with the next row as
+// an ordinary line.
 bool Decoder::DecodeLosslessSample(Component& c, uint32_t x, uint32_t y) {
     const int s = c.dc->Decode(br);
     if (s < 0 || s > 16) return false;
