@@ -6,7 +6,9 @@
 // Decoding runs in two steps. The scans fill the whole frame first: quantised coefficients for
 // DCT frames (a progressive frame refines them scan by scan), reconstructed samples for lossless
 // ones. Then the rows are produced top first: inverse DCT one band of blocks at a time, upsampling
-// (the library's triangle filter for 2:1 chroma, boxes otherwise), colour conversion, 8 bits.
+// (the library's triangle filter for 2:1 chroma of DCT frames, boxes otherwise, as the library
+// does for lossless frames), colour conversion, and 8 bits: samples of more bits are shifted
+// right with rounding (saturating at 255), samples of fewer are scaled up to 0..255.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -256,8 +258,7 @@ inline int64_t Descale(int64_t x, int n) {
     return (x + (int64_t(1) << (n - 1))) >> n;
 }
 
-// One 1-D pass over eight values in[0], in[stride], ... into out[0], out[stride], ... before
-// the final descale, which the caller applies.
+// One 1-D pass over eight values (a column or a row of a block); the caller descales.
 struct IdctOut {
     int64_t v[8];
 };
