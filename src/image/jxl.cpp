@@ -27,12 +27,15 @@ namespace {
 constexpr size_t kInputBlock = size_t(1) << 20;
 
 // Where the decoder's pixels go. The callback may run on several threads at once, each on
-// pixels of its own; every pixel arrives exactly once, so a row is finished when its count
-// reaches the width.
+// pixels of its own. While decoding every pixel arrives exactly once, so a row is finished when
+// its count reaches the width; a flush after a cut visits each pixel at most once more, counted
+// apart.
 struct PixelSink {
     XDib* dib = nullptr;
     uint32_t channels = 3;
+    bool flushing = false;  // set before a flush starts, read by the callbacks during it
     std::unique_ptr<std::atomic<uint32_t>[]> rowFill;
+    std::unique_ptr<std::atomic<uint32_t>[]> flushFill;
 };
 
 void OnPixels(void* opaque, size_t x, size_t y, size_t count, const void* pixels) {
@@ -48,7 +51,8 @@ void OnPixels(void* opaque, size_t x, size_t y, size_t count, const void* pixels
         for (size_t i = 0; i < count; ++i, src += 3, dst += 3)
             dst[0] = src[2], dst[1] = src[1], dst[2] = src[0];
     }
-    sink->rowFill[y].fetch_add(uint32_t(count), std::memory_order_relaxed);
+    (sink->flushing ? sink->flushFill : sink->rowFill)[y].fetch_add(uint32_t(count),
+                                                                    std::memory_order_relaxed);
 }
 
 // The Exif box, collected while the decoder passes it; its end shows when the next event comes.
@@ -180,6 +184,7 @@ bool Decode(XDib& dib, IXDibIO& source, CJPEGMetaData* meta) {
                     !dib.CreateDirty(width, height, sink.channels * 8))
                     return false;
                 sink.rowFill = std::make_unique<std::atomic<uint32_t>[]>(height);
+                sink.flushFill = std::make_unique<std::atomic<uint32_t>[]>(height);
                 continue;
             }
             case JXL_DEC_FRAME: {
@@ -226,19 +231,24 @@ bool Decode(XDib& dib, IXDibIO& source, CJPEGMetaData* meta) {
     if (firstDone) return true;
     if (dib.IsEmpty() || !sink.rowFill) return false;
 
-    // Cut short or damaged. Rows the decoder didn't finish are cleared; at a cut it may then
-    // flush what it has of the rest (the low resolution of a lossy picture, the groups that
-    // arrived), pixels it can't give staying cleared.
-    uint32_t finished = 0;
-    for (uint32_t y = 0; y < dib.nHeight; ++y) {
-        if (sink.rowFill[y].load(std::memory_order_relaxed) >= dib.nWidth)
-            ++finished;
-        else
-            dib.ClearRows(y, 1);
+    // Cut short or damaged. At a cut the decoder may flush what it has of the rest (the low
+    // resolution of a lossy picture, the groups that arrived). Rows neither finished nor wholly
+    // flushed are cleared; with none of either the picture is dropped, so a few bytes claiming
+    // a huge picture cost no clearing of it.
+    sink.flushing = true;
+    if (status == JXL_DEC_NEED_MORE_INPUT) JxlDecoderFlushImage(dec);
+    const auto shown = [&](uint32_t y) {
+        return sink.rowFill[y].load(std::memory_order_relaxed) >= dib.nWidth ||
+               sink.flushFill[y].load(std::memory_order_relaxed) >= dib.nWidth;
+    };
+    uint32_t rows = 0;
+    for (uint32_t y = 0; y < dib.nHeight; ++y) rows += shown(y) ? 1 : 0;
+    if (rows == 0) {
+        dib.Destroy();
+        return false;
     }
-    const bool flushed =
-        status == JXL_DEC_NEED_MORE_INPUT && JxlDecoderFlushImage(dec) == JXL_DEC_SUCCESS;
-    if (!flushed && finished == 0) dib.Destroy();
+    for (uint32_t y = 0; y < dib.nHeight; ++y)
+        if (!shown(y)) dib.ClearRows(y, 1);
     return false;
 }
 
