@@ -107,7 +107,7 @@ public:
         const size_t kept = held ? JxlDecoderReleaseInput(dec) : 0;
         if (left == 0) return false;
         const size_t start = held - kept;
-        std::memmove(buffer.data(), buffer.data() + start, kept);
+        if (kept > 0) std::memmove(buffer.data(), buffer.data() + start, kept);
         // A block left whole means the decoder needs more at once: give it twice as much.
         const size_t room = kept == held && held > 0 ? buffer.size() * 2 : kInputBlock;
         const size_t n =
