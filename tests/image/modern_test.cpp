@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/types.h"
 #include "image/decoders.h"
 #include "image/exifinfo.h"
 #include "image/format.h"
@@ -189,6 +190,40 @@ TEST(ModernStill, PicturesDecodeToTheirPixels) {
         EXPECT_EQ(anim.GetDelay(0), 0u);
         EXPECT_EQ(anim.GetFrame(0)->nBpp, l.dib.nBpp);
         EXPECT_EQ(anim.GetFrame(0)->nFormat, uint32_t(c.format));
+    }
+}
+
+// The libraries decode on several threads when the program has them (JPEG XL hands its rows to
+// the picture from every thread); the picture must not depend on it.
+TEST(ModernStill, SeveralThreadsGiveTheSamePicture) {
+    const Picture p = Noise(600, 300, 21);
+    const struct {
+        const char* what;
+        Bytes file;
+    } cases[] = {
+        {"WebP", EncodeWebp(p, {.lossless = false})},
+        {"AVIF", EncodeAvif(p, {.lossless = false})},
+        {"HEIF", EncodeHeif(p)},
+        {"JPEG XL", EncodeJxl(p, {.lossless = false})},
+    };
+    const uint32_t saved = nThreadCount;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_FALSE(c.file.empty());
+        nThreadCount = 1;
+        const Loaded one = Load(c.file);
+        nThreadCount = 4;
+        const Loaded four = Load(c.file);
+        nThreadCount = saved;
+        ASSERT_TRUE(one.whole);
+        ASSERT_TRUE(four.whole);
+        ASSERT_EQ(one.dib.nStride, four.dib.nStride);
+        ASSERT_EQ(one.dib.nHeight, four.dib.nHeight);
+        for (uint32_t y = 0; y < one.dib.nHeight; ++y)
+            ASSERT_EQ(std::memcmp(one.dib.GetRow(y), four.dib.GetRow(y),
+                                  size_t(one.dib.nWidth) * one.dib.nBytesPerPixel),
+                      0)
+                << "row " << y;
     }
 }
 
