@@ -23,16 +23,47 @@ using jpegfix::Bytes;
 
 namespace {
 
+// A source that only streams, as a file does: the decoder must read it through its buffer
+// (a memory source is handed to the library whole).
+class StreamIO final : public IXDibIO {
+public:
+    explicit StreamIO(const Bytes& b) : bytes(b) {}
+    bool Read(void* buffer, uint32_t count) override {
+        if (count > bytes.size() - pos) return false;
+        std::memcpy(buffer, bytes.data() + pos, count);
+        pos += count;
+        return true;
+    }
+    bool Write(const void*, uint32_t) override { return false; }
+    int64_t Seek(int64_t offset, int origin) override {
+        const int64_t base = origin == 0 ? 0 : origin == 1 ? int64_t(pos) : int64_t(bytes.size());
+        const int64_t at = origin == 2 ? base - offset : base + offset;
+        pos = size_t(std::clamp<int64_t>(at, 0, int64_t(bytes.size())));
+        return int64_t(pos);
+    }
+    int64_t Tell() override { return int64_t(pos); }
+    int64_t GetSize() override { return int64_t(bytes.size()); }
+
+private:
+    const Bytes& bytes;
+    size_t pos = 0;
+};
+
+enum class Via { kMemory, kStream };
+
 struct Decoded {
     bool whole = false;
     XDib dib;
 };
 
 Decoded DecodeBytes(const Bytes& jpeg, const XDibScaleRequest* request = nullptr,
-                    CJPEGMetaData* meta = nullptr, XColorMan* colorMan = nullptr) {
+                    CJPEGMetaData* meta = nullptr, XColorMan* colorMan = nullptr,
+                    Via via = Via::kMemory) {
     Decoded d;
     d.dib.pColorMan = colorMan;
-    CXDibMemIO source(jpeg.data(), int64_t(jpeg.size()));
+    CXDibMemIO memory(jpeg.data(), int64_t(jpeg.size()));
+    StreamIO stream(jpeg);
+    IXDibIO& source = via == Via::kMemory ? static_cast<IXDibIO&>(memory) : stream;
     d.whole = DecodeJpeg(d.dib, source, meta, request);
     return d;
 }
@@ -137,15 +168,18 @@ TEST(JpegScale, ChoiceAndRoundingFollowTheRequest) {
                 break;
         }
         ASSERT_FALSE(file.empty());
-        const Decoded d = DecodeBytes(file, &c.request);
-        ASSERT_TRUE(d.whole);
-        EXPECT_EQ(d.dib.nWidth, c.outW);
-        EXPECT_EQ(d.dib.nHeight, c.outH);
-        EXPECT_EQ(d.dib.nBpp, 24u);
-        EXPECT_EQ(d.dib.bReduced, c.s > 1 ? 1u : 0u);
-        EXPECT_EQ(d.dib.nOrigWidth, c.w);
-        EXPECT_EQ(d.dib.nOrigHeight, c.h);
-        EXPECT_TRUE(SameAsReference(d.dib, jpegfix::DecodeTj(file, int(c.s), TJPF_BGR)));
+        const jpegfix::Reference reference = jpegfix::DecodeTj(file, int(c.s), TJPF_BGR);
+        for (Via via : {Via::kMemory, Via::kStream}) {
+            const Decoded d = DecodeBytes(file, &c.request, nullptr, nullptr, via);
+            ASSERT_TRUE(d.whole);
+            EXPECT_EQ(d.dib.nWidth, c.outW);
+            EXPECT_EQ(d.dib.nHeight, c.outH);
+            EXPECT_EQ(d.dib.nBpp, 24u);
+            EXPECT_EQ(d.dib.bReduced, c.s > 1 ? 1u : 0u);
+            EXPECT_EQ(d.dib.nOrigWidth, c.w);
+            EXPECT_EQ(d.dib.nOrigHeight, c.h);
+            EXPECT_TRUE(SameAsReference(d.dib, reference));
+        }
     }
 }
 
@@ -251,36 +285,41 @@ TEST(JpegTruncated, PartialPicturesAndWholeOnes) {
     const jpegfix::Reference full = jpegfix::DecodeTj(baseline, 1, TJPF_BGR);
     Bytes withJunk = baseline;
     withJunk.insert(withJunk.end(), 3000, 0x55);
+    const Bytes halfBaseline(baseline.begin(), baseline.begin() + baseline.size() / 2);
+    const Bytes halfProgressive(progressive.begin(), progressive.begin() + progressive.size() / 2);
+    auto blank = [](const XDib& dib, uint32_t y) {
+        const uint8_t* row = dib.GetRow(y);
+        return std::all_of(row, row + dib.nWidth * 3, [](uint8_t b) { return b == 0; });
+    };
 
-    const Decoded half =
-        DecodeBytes(Bytes(baseline.begin(), baseline.begin() + baseline.size() / 2));
-    EXPECT_FALSE(half.whole);
-    ASSERT_FALSE(half.dib.IsEmpty());
-    EXPECT_TRUE(SameAsReference(half.dib, full, 64)) << "the top rows are there";
-    const uint8_t* last = half.dib.GetRow(half.dib.nHeight - 1);
-    EXPECT_TRUE(std::all_of(last, last + 160 * 3, [](uint8_t b) { return b == 0; }))
-        << "rows never decoded are blank";
+    for (Via via : {Via::kMemory, Via::kStream}) {
+        SCOPED_TRACE(via == Via::kMemory ? "memory" : "stream");
+        const Decoded half = DecodeBytes(halfBaseline, nullptr, nullptr, nullptr, via);
+        EXPECT_FALSE(half.whole);
+        ASSERT_FALSE(half.dib.IsEmpty());
+        EXPECT_TRUE(SameAsReference(half.dib, full, 64)) << "the top rows are there";
+        EXPECT_TRUE(blank(half.dib, half.dib.nHeight - 1)) << "rows never decoded are blank";
 
-    const Decoded blurred =
-        DecodeBytes(Bytes(progressive.begin(), progressive.begin() + progressive.size() / 2));
-    EXPECT_FALSE(blurred.whole);
-    ASSERT_FALSE(blurred.dib.IsEmpty());
-    const uint8_t* bottom = blurred.dib.GetRow(blurred.dib.nHeight - 1);
-    EXPECT_FALSE(std::all_of(bottom, bottom + 160 * 3, [](uint8_t b) { return b == 0; }))
-        << "the early scans cover the whole picture";
+        const Decoded blurred = DecodeBytes(halfProgressive, nullptr, nullptr, nullptr, via);
+        EXPECT_FALSE(blurred.whole);
+        ASSERT_FALSE(blurred.dib.IsEmpty());
+        EXPECT_FALSE(blank(blurred.dib, blurred.dib.nHeight - 1))
+            << "the early scans cover the whole picture";
 
-    const Decoded header = DecodeBytes(Bytes(baseline.begin(), baseline.begin() + 100));
-    EXPECT_FALSE(header.whole);
-    EXPECT_TRUE(header.dib.IsEmpty());
+        const Bytes header(baseline.begin(), baseline.begin() + 100);
+        const Decoded none = DecodeBytes(header, nullptr, nullptr, nullptr, via);
+        EXPECT_FALSE(none.whole);
+        EXPECT_TRUE(none.dib.IsEmpty());
 
-    for (const Bytes& whole : {Bytes(baseline.begin(), baseline.end() - 2), withJunk}) {
-        const Decoded d = DecodeBytes(whole);
-        EXPECT_TRUE(d.whole);
-        EXPECT_TRUE(SameAsReference(d.dib, full));
+        for (const Bytes& whole : {Bytes(baseline.begin(), baseline.end() - 2), withJunk}) {
+            const Decoded d = DecodeBytes(whole, nullptr, nullptr, nullptr, via);
+            EXPECT_TRUE(d.whole);
+            EXPECT_TRUE(SameAsReference(d.dib, full));
+        }
     }
 
     // Through the load path a partial picture is a picture without a format.
-    const Bytes cut(baseline.begin(), baseline.begin() + baseline.size() / 2);
+    const Bytes& cut = halfBaseline;
     XDib dib;
     EXPECT_FALSE(dib.LoadFromMemory(cut.data(), cut.size()));
     EXPECT_FALSE(dib.IsEmpty());
@@ -339,7 +378,9 @@ TEST(JpegHostile, LiesAreRefusedAndDamageIsSurvived) {
     // the file says, and only a file missing at most its EOI is whole.
     for (const Bytes* file : {&small, &progressive}) {
         for (size_t n = 0; n < file->size(); n += 7) {
-            const Decoded d = DecodeBytes(Bytes(file->begin(), file->begin() + std::ptrdiff_t(n)));
+            const Via via = n % 2 ? Via::kStream : Via::kMemory;
+            const Decoded d = DecodeBytes(Bytes(file->begin(), file->begin() + std::ptrdiff_t(n)),
+                                          nullptr, nullptr, nullptr, via);
             EXPECT_TRUE(!d.whole || n + 2 >= file->size()) << n;
             if (!d.dib.IsEmpty()) {
                 EXPECT_TRUE(d.dib.nWidth == 64 && d.dib.nHeight == 48);
