@@ -337,12 +337,17 @@ bool DecodeWithLibrary(Decompressor& d, XDib& dib, IXDibIO& source, bool allowSc
     }
 
     // A frame header claiming 60000 x 60000 pixels in a file of a few kilobytes: refused before
-    // the library or the picture allocate anything for it.
+    // the library or the picture allocate anything for it. A multi-scan file must hold at
+    // least its first scan: the library keeps every coefficient (128 bytes a block) before the
+    // first row comes out, and a file too short for even that would pin them for a blank page.
     uint64_t blocks = 0;
     for (int c = 0; c < cinfo->num_components; ++c)
         blocks +=
             uint64_t(cinfo->comp_info[c].width_in_blocks) * cinfo->comp_info[c].height_in_blocks;
-    if (!RawBodyPlausible(MinimumCodedBytes(blocks, cinfo->arith_code), source.GetSize())) {
+    const uint64_t leastBytes = MinimumCodedBytes(blocks, cinfo->arith_code);
+    const bool multiScan = jpeg_has_multiple_scans(cinfo);
+    if (multiScan ? leastBytes > uint64_t(std::max<int64_t>(source.GetSize(), 0))
+                  : !RawBodyPlausible(leastBytes, source.GetSize())) {
         jpeg_abort_decompress(cinfo);
         return false;
     }
@@ -355,7 +360,6 @@ bool DecodeWithLibrary(Decompressor& d, XDib& dib, IXDibIO& source, bool allowSc
     cinfo->dct_method = JDCT_ISLOW;
     cinfo->do_fancy_upsampling = TRUE;
     cinfo->mem->max_memory_to_use = kMaxLibraryMemory;
-    const bool multiScan = jpeg_has_multiple_scans(cinfo);
     if (multiScan) cinfo->progress = &d.progress;
     if (!Guarded(d, StepCalcOutput)) {
         jpeg_abort_decompress(cinfo);

@@ -354,6 +354,10 @@ TEST(JpegHostile, LiesAreRefusedAndDamageIsSurvived) {
         {"65000 x 65000 claimed by a small file", WithFrameSize(small, 65000, 65000), false},
         // 768 MB of picture would fit the storage cap; 2.6 KB can't code 6 million blocks.
         {"16000 x 16000 claimed by a small file", WithFrameSize(small, 16000, 16000), false},
+        // A sequential file may be cut short and show its top; a progressive one must hold
+        // its first scan, as every coefficient is kept before the first row.
+        {"a sequential 2000 x 2000 in 2.6 KB", WithFrameSize(small, 2000, 2000), true},
+        {"a progressive 2000 x 2000 in 2.4 KB", WithFrameSize(progressive, 2000, 2000), false},
         {"a zero width", WithFrameSize(small, 0, 48), false},
         {"two components",
          jpegfix::EncodeLib(jpegfix::DrawPixels(16, 16, 2), 16, 16,
