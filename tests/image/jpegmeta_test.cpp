@@ -135,17 +135,22 @@ TEST(ExifBlock, ConversionsOfUnitsApexIsoFlashOrientationAndText) {
         {"an f-number wins over a later aperture",
          [](ExifBuilder& e) { e.Rational(33437, 56, 10, kSub).Rational(37378, 4, 1, kSub); },
          [](const Parsed& p) { EXPECT_FLOAT_EQ(p.info.fApertureFNumber, 5.6f); }});
-    for (auto [iso, want] : {std::pair{2, 400}, {49, 9800}, {50, 50}, {800, 800}})
+    for (const auto& pair : {std::pair{2, 400}, {49, 9800}, {50, 50}, {800, 800}}) {
+        const int iso = pair.first, want = pair.second;
         cases.push_back({"ISO under 50 counts in 200s",
                          [iso](ExifBuilder& e) { e.Short(34855, uint16_t(iso), kSub); },
                          [want](const Parsed& p) { EXPECT_EQ(p.info.nISOequivalent, want); }});
-    for (auto [flash, want] : {std::pair{0x18, 0}, {0x07, 1}, {0x01, 1}, {0x40, 0}})
+    }
+    for (const auto& pair : {std::pair{0x18, 0}, {0x07, 1}, {0x01, 1}, {0x40, 0}}) {
+        const int flash = pair.first, want = pair.second;
         cases.push_back({"flash from bits 0 to 2",
                          [flash](ExifBuilder& e) { e.Short(37385, uint16_t(flash), kSub); },
                          [want](const Parsed& p) { EXPECT_EQ(p.info.nFlashUsed, want); }});
+    }
     cases.push_back({"no flash tag", [](ExifBuilder& e) { e.Short(274, 1); },
                      [](const Parsed& p) { EXPECT_EQ(p.info.nFlashUsed, -1); }});
-    for (auto [orientation, want] : {std::pair{8, 8}, {1, 1}, {9, 0}, {0, 0}})
+    for (const auto& pair : {std::pair{8, 8}, {1, 1}, {9, 0}, {0, 0}}) {
+        const int orientation = pair.first, want = pair.second;
         cases.push_back({"orientation",
                          [orientation](ExifBuilder& e) { e.Short(274, uint16_t(orientation)); },
                          [orientation, want](const Parsed& p) {
@@ -153,16 +158,19 @@ TEST(ExifBlock, ConversionsOfUnitsApexIsoFlashOrientationAndText) {
                              EXPECT_EQ(p.error, want ? "" : "Undefined rotation value");
                              EXPECT_TRUE(p.ok) << orientation;
                          }});
+    }
     const std::pair<std::string, std::string> comments[] = {
         {WithNuls("ASCII\0\0\0Hi  ", 12), "Hi"},        {"Plain words   ", "Plain words"},
         {WithNuls("ASCII \0 \0 X", 11), "X"},           {"      ", ""},
         {std::string(300, 'c'), std::string(199, 'c')},
     };
-    for (const auto& [text, want] : comments)
+    for (const auto& pair : comments) {
+        const std::string text = pair.first, want = pair.second;
         cases.push_back(
             {"user comment",
              [text](ExifBuilder& e) { e.Text(37510, text, kSub, ExifBuilder::kUndefined); },
              [want](const Parsed& p) { EXPECT_EQ(p.info.szComments, want); }});
+    }
     cases.push_back({"texts are cut to their fields",
                      [](ExifBuilder& e) {
                          e.Text(271, std::string(40, 'm')).Text(36867, std::string(25, 'd'), kSub);
