@@ -3,6 +3,7 @@
 // fuzz seed program.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
