@@ -33,9 +33,26 @@ public:
     const std::string& GetComment() const { return sComment; }
 
 private:
+    struct ExifWalk;
+    // The sections from SOI up to the first scan; Read restores the position around it.
+    bool ReadSections(IXDibIO& source);
+    // One directory at `offset` inside the TIFF-structured block `base`, then the
+    // directories it links to. False on a fault in the directory or its sub-directories.
+    bool ProcessExifDir(ExifWalk& walk, uint32_t offset, int depth);
+    // One entry's value into the record; `valueBytes` of it lie at `value`.
+    void ProcessTag(uint32_t tag, uint32_t format, const uint8_t* value, uint64_t valueBytes);
+    uint16_t Get16(const uint8_t* p) const;
+    uint32_t Get32(const uint8_t* p) const;
+    double ReadNumber(const uint8_t* value, uint32_t format) const;
+
     ExifInfo* pInfo;
     std::string sError;
     std::string sComment;
     int nMotorolaOrder = 0;
     uint32_t nExifImageWidth = 0;
+    // The first frame header: its marker, size and whether it has three components.
+    uint32_t nFrameMarker = 0;
+    uint32_t nFrameWidth = 0;
+    uint32_t nFrameHeight = 0;
+    bool bFrameColour = false;
 };

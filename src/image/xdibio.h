@@ -74,6 +74,8 @@ public:
     int64_t Seek(int64_t offset, int origin) override;
     int64_t Tell() override { return nPos; }
     int64_t GetSize() override { return nSize; }
+    // The block itself, for decoders whose library reads best from memory it can see whole.
+    const uint8_t* Data() const { return pData; }
 
 private:
     uint8_t* pData;
