@@ -5,11 +5,14 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "image/decoders.h"
+#include "image/format.h"
 #include "image/jpeg_extended_samples.h"
+#include "image/xanimdib.h"
 #include "image/xdib.h"
 #include "image/xdibio.h"
 #include "jpeg_extended_writer.h"
@@ -144,6 +147,20 @@ TEST(JpegExtendedReference, MatchesTheIndependentDecoderSampleForSample) {
                              To8(ref[(size_t(y) * c.w + x) * c.channels + k], int(c.precision));
             }
         EXPECT_EQ(wrong, 0u);
+
+        // The ordinary load path hands these frames over from the libjpeg path, and a wish for
+        // a reduced picture changes nothing.
+        XAnimDib anim;
+        CXDibMemIO io(file.data(), int64_t(file.size()));
+        const XDibScaleRequest half{1, c.w / 2, c.h / 2};
+        ASSERT_TRUE(anim.Load(io, nullptr, nullptr, &half));
+        const XDib* loaded = anim.GetFrame(0);
+        EXPECT_EQ(loaded->nFormat, uint32_t(FORMAT_JPEG));
+        ASSERT_EQ(loaded->nWidth, c.w);
+        ASSERT_EQ(loaded->nHeight, c.h);
+        for (uint32_t y = 0; y < c.h; ++y)
+            EXPECT_EQ(0, std::memcmp(loaded->GetRow(y), p.dib.GetRow(y),
+                                     size_t(c.w) * p.dib.nBytesPerPixel));
     }
 }
 
