@@ -7,6 +7,6 @@ target_link_libraries(orlimo_bridge_writers PUBLIC orlimo_options
 target_include_directories(orlimo_bridge_writers PUBLIC ${CMAKE_CURRENT_LIST_DIR})
 
 orlimo_test(test_image_bridges
-    SOURCES png_bridge_test.cpp tiff_bridge_test.cpp
+    SOURCES png_bridge_test.cpp tiff_bridge_test.cpp codec_bridges_test.cpp
     LIBS orlimo_image orlimo_imgwrite orlimo_platform orlimo_bridge_writers)
 target_include_directories(test_image_bridges PRIVATE ${PROJECT_SOURCE_DIR}/tests)
