@@ -307,9 +307,12 @@ public:
     ExactTileBuffer(TIFF* tif, const BlockLayout& layout) : tif(tif) {
         uint16_t compression = COMPRESSION_NONE;
         TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression);
-        if (!layout.bTiled || compression != COMPRESSION_NONE) return;
-        buffer = std::make_unique_for_overwrite<uint8_t[]>(layout.nBlockBytes);
-        if (!TIFFReadBufferSetup(tif, buffer.get(), tmsize_t(layout.nBlockBytes))) buffer.reset();
+        const tmsize_t tileBytes = layout.bTiled ? TIFFTileSize(tif) : 0;
+        if (compression != COMPRESSION_NONE || tileBytes <= 0 ||
+            uint64_t(tileBytes) > kMaxPictureBytes)
+            return;
+        buffer = std::make_unique_for_overwrite<uint8_t[]>(size_t(tileBytes));
+        if (!TIFFReadBufferSetup(tif, buffer.get(), tileBytes)) buffer.reset();
     }
     ExactTileBuffer(const ExactTileBuffer&) = delete;
     ExactTileBuffer& operator=(const ExactTileBuffer&) = delete;
@@ -400,8 +403,17 @@ void LoadPages(XAnimDib& anim, IXDibIO& source) {
     for (uint32_t index = 0; index < count; ++index) {
         // Directories are walked in order rather than selected by number: selecting walks the
         // chain from the start each time, which a file of thousands of pages turns into a hang.
-        // A directory libtiff can't read ends the run, as the chain can't be followed past it.
-        if (index > 0 && !TIFFReadDirectory(tif.get())) break;
+        if (index > 0) {
+            const uint64_t before = TIFFCurrentDirOffset(tif.get());
+            if (!TIFFReadDirectory(tif.get())) {
+                // A directory that was read but lacks what a page needs is left out like a page
+                // that fails. One that couldn't be read at all leaves libtiff where it was: the
+                // chain can't be followed past it, and asking again would read it again.
+                if (TIFFCurrentDirOffset(tif.get()) == before || TIFFLastDirectory(tif.get()))
+                    break;
+                continue;
+            }
+        }
         auto dib = std::make_unique<XDib>();
         dib->pColorMan = anim.pColorMan;
         // A page that fails is left out; the next takes its place.

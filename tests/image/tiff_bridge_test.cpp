@@ -385,6 +385,16 @@ TEST(TiffBridge, PagesThatFailAreLeftOut) {
             EXPECT_TRUE(NearPixels(*anim.GetFrame(i), kW, kH, PaletteExpected(c.kept[i])))
                 << c.what << ", frame " << i;
     }
+    // A directory without ImageLength (its tag renumbered) is no page at all; the next follows.
+    Bytes noLength = bridgewrite::WriteTiff({PalettePage(1), PalettePage(2), PalettePage(3)});
+    const uint32_t second = Directories(noLength)[1];
+    for (uint32_t e = second + 2; e < second + 2 + 12 * Le16(noLength.data() + second); e += 12)
+        if (Le16(noLength.data() + e) == 257) noLength[e + 1] = 0x7F;
+    XAnimDib skipped;
+    EXPECT_TRUE(LoadAll(skipped, noLength));
+    ASSERT_EQ(skipped.GetFrameCount(), 2u);
+    EXPECT_TRUE(NearPixels(*skipped.GetFrame(1), kW, kH, PaletteExpected(3)));
+
     XAnimDib none;
     EXPECT_FALSE(LoadAll(none, bridgewrite::WriteTiff({broken, huge})));
     EXPECT_EQ(none.GetFrameCount(), 0u);
