@@ -219,40 +219,41 @@ void J2kError(const char* message, void*) {
 
 }  // namespace
 
-Bytes WritePng(const PngSpec& spec) {
+Bytes WritePng(const PngFixture& fixture) {
     Bytes out;
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, PngError, nullptr);
     png_infop info = png_create_info_struct(png);
     png_set_write_fn(png, &out, PngAppend, PngFlush);
-    png_set_IHDR(png, info, spec.width, spec.height, spec.bitDepth, spec.colourType,
-                 spec.interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+    png_set_IHDR(png, info, fixture.width, fixture.height, fixture.bitDepth, fixture.colourType,
+                 fixture.interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
                  PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     std::vector<png_color> palette;
-    for (const Rgb& c : spec.palette) palette.push_back({c.r, c.g, c.b});
+    for (const Rgb& c : fixture.palette) palette.push_back({c.r, c.g, c.b});
     if (!palette.empty()) png_set_PLTE(png, info, palette.data(), int(palette.size()));
-    if (!spec.paletteAlpha.empty())
-        png_set_tRNS(png, info, spec.paletteAlpha.data(), int(spec.paletteAlpha.size()), nullptr);
-    if (spec.transparent) {
-        png_color_16 c{0, *spec.transparent, *spec.transparent, *spec.transparent,
-                       *spec.transparent};
+    if (!fixture.paletteAlpha.empty())
+        png_set_tRNS(png, info, fixture.paletteAlpha.data(), int(fixture.paletteAlpha.size()),
+                     nullptr);
+    if (fixture.transparent) {
+        png_color_16 c{0, *fixture.transparent, *fixture.transparent, *fixture.transparent,
+                       *fixture.transparent};
         png_set_tRNS(png, info, nullptr, 0, &c);
     }
-    if (spec.background) {
-        const PngBackground& b = *spec.background;
+    if (fixture.background) {
+        const PngBackground& b = *fixture.background;
         png_color_16 c{b.index, b.red, b.green, b.blue, b.grey};
         png_set_bKGD(png, info, &c);
     }
-    if (spec.gamma > 0) png_set_gAMA(png, info, spec.gamma);
+    if (fixture.gamma > 0) png_set_gAMA(png, info, fixture.gamma);
     png_write_info(png, info);
 
-    const size_t perRow = size_t(spec.width) * PngChannels(spec.colourType);
-    const size_t rowBytes = (perRow * spec.bitDepth + 7) / 8;
-    if (spec.samples.size() < perRow * spec.height) Die("PNG samples too few");
-    Bytes pixels(rowBytes * spec.height);
-    std::vector<png_bytep> rows(spec.height);
-    for (uint32_t y = 0; y < spec.height; ++y) {
+    const size_t perRow = size_t(fixture.width) * PngChannels(fixture.colourType);
+    const size_t rowBytes = (perRow * fixture.bitDepth + 7) / 8;
+    if (fixture.samples.size() < perRow * fixture.height) Die("PNG samples too few");
+    Bytes pixels(rowBytes * fixture.height);
+    std::vector<png_bytep> rows(fixture.height);
+    for (uint32_t y = 0; y < fixture.height; ++y) {
         rows[y] = pixels.data() + y * rowBytes;
-        PackSamples(spec.samples.data() + y * perRow, perRow, spec.bitDepth, rows[y]);
+        PackSamples(fixture.samples.data() + y * perRow, perRow, fixture.bitDepth, rows[y]);
     }
     png_write_image(png, rows.data());
     png_write_end(png, info);
@@ -318,33 +319,33 @@ Bytes WriteDng(uint32_t width, uint32_t height, const std::vector<uint16_t>& cfa
     return Finish(tif, file);
 }
 
-Bytes WriteJ2k(const J2kSpec& spec) {
-    const uint32_t n = uint32_t(spec.components.size());
+Bytes WriteJ2k(const J2kFixture& fixture) {
+    const uint32_t n = uint32_t(fixture.components.size());
     std::vector<opj_image_cmptparm_t> parameters(n);
-    uint32_t smallest = std::min(spec.width, spec.height);
+    uint32_t smallest = std::min(fixture.width, fixture.height);
     for (uint32_t c = 0; c < n; ++c) {
-        const J2kComponent& comp = spec.components[c];
+        const J2kComponent& comp = fixture.components[c];
         opj_image_cmptparm_t& p = parameters[c];
         std::memset(&p, 0, sizeof p);
         p.dx = comp.dx, p.dy = comp.dy;
-        p.w = (spec.width + comp.dx - 1) / comp.dx;
-        p.h = (spec.height + comp.dy - 1) / comp.dy;
+        p.w = (fixture.width + comp.dx - 1) / comp.dx;
+        p.h = (fixture.height + comp.dy - 1) / comp.dy;
         p.prec = comp.precision;
         p.sgnd = comp.isSigned;
         if (comp.samples.size() < size_t(p.w) * p.h) Die("J2K samples too few");
         smallest = std::min({smallest, p.w, p.h});
     }
-    const OPJ_COLOR_SPACE space = spec.sycc ? OPJ_CLRSPC_SYCC
-                                  : n >= 3  ? OPJ_CLRSPC_SRGB
-                                            : OPJ_CLRSPC_GRAY;
+    const OPJ_COLOR_SPACE space = fixture.sycc ? OPJ_CLRSPC_SYCC
+                                  : n >= 3     ? OPJ_CLRSPC_SRGB
+                                               : OPJ_CLRSPC_GRAY;
     opj_image_t* image = opj_image_create(n, parameters.data(), space);
     if (!image) Die("opj_image_create");
     image->x0 = image->y0 = 0;
-    image->x1 = spec.width;
-    image->y1 = spec.height;
+    image->x1 = fixture.width;
+    image->y1 = fixture.height;
     for (uint32_t c = 0; c < n; ++c)
-        std::copy(spec.components[c].samples.begin(),
-                  spec.components[c].samples.begin() + size_t(parameters[c].w) * parameters[c].h,
+        std::copy(fixture.components[c].samples.begin(),
+                  fixture.components[c].samples.begin() + size_t(parameters[c].w) * parameters[c].h,
                   image->comps[c].data);
 
     opj_cparameters_t encoding;
@@ -357,7 +358,7 @@ Bytes WriteJ2k(const J2kSpec& spec) {
     while (resolutions < 6 && (smallest >> resolutions) >= 1) ++resolutions;
     encoding.numresolution = resolutions;
 
-    opj_codec_t* codec = opj_create_compress(spec.jp2 ? OPJ_CODEC_JP2 : OPJ_CODEC_J2K);
+    opj_codec_t* codec = opj_create_compress(fixture.jp2 ? OPJ_CODEC_JP2 : OPJ_CODEC_J2K);
     opj_set_error_handler(codec, J2kError, nullptr);
     if (!opj_setup_encoder(codec, &encoding, image)) Die("opj_setup_encoder");
     MemFile file;

@@ -1,6 +1,6 @@
 // Writers of PNG, TIFF, DNG, JPEG XR and JPEG 2000 files for the tests and fuzz seeds of the
-// library bridges, made with the libraries' own encoders. Each writes exactly what its spec
-// says, so that a test can compare a decoded picture with the samples it started from. They
+// library bridges, made with the libraries' own encoders. Each writes exactly what it is
+// given, so that a test can compare a decoded picture with the samples it started from. They
 // stop the program on a library error: a writer that can't write is a broken test.
 #pragma once
 
@@ -23,7 +23,7 @@ struct PngBackground {
     uint16_t red = 0, green = 0, blue = 0, grey = 0;
 };
 
-struct PngSpec {
+struct PngFixture {
     uint32_t width = 0;
     uint32_t height = 0;
     int colourType = 2;  // 0 grey, 2 RGB, 3 palette, 4 grey + alpha, 6 RGBA
@@ -39,7 +39,7 @@ struct PngSpec {
     double gamma = 0;  // gAMA; 0 writes none
 };
 
-Bytes WritePng(const PngSpec& spec);
+Bytes WritePng(const PngFixture& fixture);
 
 // ---- TIFF and DNG -------------------------------------------------------------------------
 
@@ -87,7 +87,7 @@ struct J2kComponent {
     std::vector<int32_t> samples = {};  // ceil(width / dx) x ceil(height / dy)
 };
 
-struct J2kSpec {
+struct J2kFixture {
     uint32_t width = 0;
     uint32_t height = 0;
     bool jp2 = true;    // a JP2 file, else a bare codestream
@@ -96,6 +96,6 @@ struct J2kSpec {
 };
 
 // Lossless (reversible 5/3 wavelet, no colour transform).
-Bytes WriteJ2k(const J2kSpec& spec);
+Bytes WriteJ2k(const J2kFixture& fixture);
 
 }  // namespace bridgewrite

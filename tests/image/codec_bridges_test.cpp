@@ -20,7 +20,7 @@
 
 using bridgetest::NearPixels;
 using bridgewrite::J2kComponent;
-using bridgewrite::J2kSpec;
+using bridgewrite::J2kFixture;
 using bridgewrite::JxrFormat;
 using imgtest::Bytes;
 using imgtest::Decode;
@@ -87,13 +87,13 @@ J2kComponent Component(uint32_t w, uint32_t h, uint32_t precision, bool isSigned
 
 constexpr uint32_t kW = 23, kH = 17;
 
-J2kSpec RgbJ2k(bool jp2, uint32_t precision = 8) {
-    J2kSpec spec{.width = kW, .height = kH, .jp2 = jp2};
+J2kFixture RgbJ2k(bool jp2, uint32_t precision = 8) {
+    J2kFixture fixture{.width = kW, .height = kH, .jp2 = jp2};
     for (uint32_t c = 0; c < 3; ++c)
-        spec.components.push_back(Component(kW, kH, precision, false, [=](uint32_t x, uint32_t y) {
-            return int32_t(Colour(x, y, c)) << (precision - 8);
-        }));
-    return spec;
+        fixture.components.push_back(Component(
+            kW, kH, precision, false,
+            [=](uint32_t x, uint32_t y) { return int32_t(Colour(x, y, c)) << (precision - 8); }));
+    return fixture;
 }
 
 // ---- DNG ----------------------------------------------------------------------------------
@@ -242,10 +242,10 @@ TEST(Jpeg2000Bridge, SamplesAreBroughtToEightBits) {
     const auto greyPixel = [&](uint32_t x, uint32_t y) {
         return Rgba{grey(x, y), grey(x, y), grey(x, y), 255};
     };
-    J2kSpec rgba = RgbJ2k(true);
+    J2kFixture rgba = RgbJ2k(true);
     rgba.components.push_back(
         Component(kW, kH, 8, false, [](uint32_t x, uint32_t) { return int32_t(x * 11); }));
-    J2kSpec ycc{.width = kW, .height = kH, .jp2 = true, .sycc = true};
+    J2kFixture ycc{.width = kW, .height = kH, .jp2 = true, .sycc = true};
     const auto y = [](uint32_t x, uint32_t yy) { return int32_t(60 + x * 3 + yy * 2); };
     ycc.components = {Component(kW, kH, 8, false, y),
                       Component(
@@ -254,7 +254,7 @@ TEST(Jpeg2000Bridge, SamplesAreBroughtToEightBits) {
                           kW, kH, 8, false, [](uint32_t, uint32_t) { return 170; }, 2)};
     const struct {
         const char* what;
-        J2kSpec spec;
+        J2kFixture fixture;
         bridgetest::Expected expected;
         int tolerance = 0;
     } cases[] = {
@@ -297,10 +297,10 @@ TEST(Jpeg2000Bridge, SamplesAreBroughtToEightBits) {
          1},
     };
     for (const auto& c : cases) {
-        const imgtest::Decoded d = Decode(bridgewrite::WriteJ2k(c.spec));
+        const imgtest::Decoded d = Decode(bridgewrite::WriteJ2k(c.fixture));
         EXPECT_TRUE(d.whole) << c.what;
         EXPECT_EQ(d.dib.nBpp, 24u) << c.what;
-        EXPECT_EQ(d.dib.nFormat, uint32_t(c.spec.jp2 ? FORMAT_JP2 : FORMAT_J2K)) << c.what;
+        EXPECT_EQ(d.dib.nFormat, uint32_t(c.fixture.jp2 ? FORMAT_JP2 : FORMAT_J2K)) << c.what;
         EXPECT_TRUE(NearPixels(d.dib, kW, kH, c.expected, c.tolerance)) << c.what;
     }
 }

@@ -18,7 +18,7 @@
 #include "image_test_util.h"
 
 using bridgetest::NearPixels;
-using bridgewrite::PngSpec;
+using bridgewrite::PngFixture;
 using imgtest::Bytes;
 using imgtest::Decode;
 using imgtest::Rgba;
@@ -80,7 +80,7 @@ TEST(PngBridge, TransformationsGiveEightBitBgrOrBgra) {
     };
     const struct {
         const char* what;
-        PngSpec spec;
+        PngFixture fixture;
         uint32_t bpp;
         bridgetest::Expected expected;
     } cases[] = {
@@ -176,7 +176,7 @@ TEST(PngBridge, TransformationsGiveEightBitBgrOrBgra) {
          palettePixel},
     };
     for (const auto& c : cases) {
-        const imgtest::Decoded d = Decode(bridgewrite::WritePng(c.spec));
+        const imgtest::Decoded d = Decode(bridgewrite::WritePng(c.fixture));
         EXPECT_TRUE(d.whole) << c.what;
         EXPECT_EQ(d.dib.nBpp, c.bpp) << c.what;
         EXPECT_EQ(d.dib.nFormat, uint32_t(FORMAT_PNG)) << c.what;
@@ -191,7 +191,7 @@ TEST(PngBridge, BackgroundChunkComposesAlphaAway) {
     };
     const struct {
         const char* what;
-        PngSpec spec;
+        PngFixture fixture;
         bridgetest::Expected expected;
     } cases[] = {
         {"RGBA on the stated colour",
@@ -220,7 +220,7 @@ TEST(PngBridge, BackgroundChunkComposesAlphaAway) {
          }},
     };
     for (const auto& c : cases) {
-        const imgtest::Decoded d = Decode(bridgewrite::WritePng(c.spec));
+        const imgtest::Decoded d = Decode(bridgewrite::WritePng(c.fixture));
         EXPECT_TRUE(d.whole) << c.what;
         EXPECT_EQ(d.dib.nBpp, 24u) << c.what << ": composed pictures have no alpha left";
         EXPECT_TRUE(NearPixels(d.dib, kW, kH, c.expected, 1)) << c.what;
