@@ -326,11 +326,12 @@ bool Decode(SharedPicture& picture, IXDibIO& source, const XDibScaleRequest* sca
 // parent's (no destructors of statics, no stdio flushes, no leak report).
 [[noreturn]] void RunChild(const uint8_t* file, int64_t size, int fd,
                            const XDibScaleRequest* scaleRequest) {
-    // A codec that loops on a damaged file is stopped: 20 seconds and one more for each MB.
-    signal(SIGALRM, SIG_DFL);
+    // A codec that dies on a damaged file ends the child quietly: none of the parent's crash
+    // handlers (a sanitizer's or a fuzzer's in test builds) run in it. One that loops is
+    // stopped: 20 seconds and one more for each MB.
+    for (int sig : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGALRM}) signal(sig, SIG_DFL);
     alarm(unsigned(20 + (size >> 20)));
-    // Whatever reports a dying codec gives (a sanitizer's, in test builds) stay out of the
-    // viewer's console.
+    // Whatever the codec might print stays out of the viewer's console.
     const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (quiet >= 0) dup2(quiet, STDERR_FILENO);
     bool whole = false;
