@@ -407,9 +407,16 @@ bool DecodeIsolated(XDib& dib, IXDibIO& source, const XDibScaleRequest* scaleReq
     if (child < 0) return false;
     if (child == 0) RunChild(file.get(), size, shared.get(), scaleRequest);
     int status = 0;
-    while (waitpid(child, &status, 0) < 0)
-        if (errno != EINTR) return false;
-    return Collect(dib, shared.get(), WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    bool reaped = true;
+    while (waitpid(child, &status, 0) < 0) {
+        if (errno == EINTR) continue;
+        // Reaped elsewhere (a process that ignores SIGCHLD): the child's own note in the
+        // memory file is all there is to go by.
+        reaped = false;
+        break;
+    }
+    const bool exitedCleanly = !reaped || (WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    return Collect(dib, shared.get(), exitedCleanly);
 }
 
 }  // namespace

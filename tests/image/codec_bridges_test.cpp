@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -233,8 +234,17 @@ TEST(HdPhotoBridge, CodecCrashCostsOnlyThePicture) {
             EXPECT_EQ(d.dib.nWidth, 20u);
         }
     }
-    // The bridge still works afterwards.
-    EXPECT_TRUE(Decode(bridgewrite::WriteJxr(4, 4, JxrFormat::kGrey8, Bytes(16, 77))).whole);
+    // The bridge still works afterwards, also in a process that leaves its children to the
+    // system (SIGCHLD ignored), where the decoding child can't be waited for.
+    const Bytes grey = bridgewrite::WriteJxr(4, 4, JxrFormat::kGrey8, Bytes(16, 77));
+    EXPECT_TRUE(Decode(grey).whole);
+    const auto previous = std::signal(SIGCHLD, SIG_IGN);
+    const imgtest::Decoded reaped = Decode(grey);
+    std::signal(SIGCHLD, previous);
+    EXPECT_TRUE(reaped.whole);
+    EXPECT_TRUE(NearPixels(reaped.dib, 4, 4, [](uint32_t, uint32_t) {
+        return Rgba{77, 77, 77, 255};
+    }));
 }
 
 TEST(Jpeg2000Bridge, SamplesAreBroughtToEightBits) {
