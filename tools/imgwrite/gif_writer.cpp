@@ -146,6 +146,14 @@ private:
     uint32_t nStringCodes = 0;  // codes that named the string being defined, where a larger fit
 };
 
+GifExtension GifControlBlock(const GifControl& control) {
+    const bool transparent = control.transparentIndex >= 0;
+    const uint8_t flags = uint8_t(((control.disposal & 7) << 2) | (transparent ? 1 : 0));
+    return {0xF9,
+            {{flags, uint8_t(control.delay), uint8_t(control.delay >> 8),
+              uint8_t(transparent ? control.transparentIndex : 0)}}};
+}
+
 // The rows of an interlaced frame in the order they are stored.
 std::vector<uint8_t> Interlaced(const GifFrame& frame) {
     std::vector<uint8_t> out;
@@ -172,21 +180,13 @@ GifExtension GifLoop(uint16_t count) {
     return {0xFF, {Bytes(name.begin(), name.end()), {1, uint8_t(count), uint8_t(count >> 8)}}};
 }
 
-GifExtension GifControlBlock(const GifControl& control) {
-    const bool transparent = control.transparentIndex >= 0;
-    const uint8_t flags = uint8_t(((control.disposal & 7) << 2) | (transparent ? 1 : 0));
-    return {0xF9,
-            {{flags, uint8_t(control.delay), uint8_t(control.delay >> 8),
-              uint8_t(transparent ? control.transparentIndex : 0)}}};
-}
-
 Bytes GifPackCodes(const std::vector<GifCode>& codes) {
     CodeWriter writer;
     for (const GifCode& c : codes) writer.Put(c.code, c.bits);
     return writer.Finish();
 }
 
-Bytes GifImageData(uint8_t minCodeSize, const Bytes& packed, uint8_t blockSize, bool terminator) {
+Bytes GifImageData(uint8_t minCodeSize, const Bytes& packed, uint8_t blockSize) {
     Bytes out{minCodeSize};
     const size_t step = std::max<size_t>(blockSize, 1);
     for (size_t at = 0; at < packed.size(); at += step) {
@@ -195,7 +195,7 @@ Bytes GifImageData(uint8_t minCodeSize, const Bytes& packed, uint8_t blockSize, 
         out.insert(out.end(), packed.begin() + std::ptrdiff_t(at),
                    packed.begin() + std::ptrdiff_t(at + n));
     }
-    if (terminator) Put8(out, 0);
+    Put8(out, 0);
     return out;
 }
 

@@ -138,7 +138,6 @@ struct GifControl {
     int32_t transparentIndex = -1;  // -1: no transparent colour
     uint16_t delay = 0;             // hundredths of a second
 };
-GifExtension GifControlBlock(const GifControl& control);
 
 // How the LZW data of a frame is coded.
 struct GifLzwOptions {
@@ -198,9 +197,8 @@ struct GifCode {
 };
 Bytes GifPackCodes(const std::vector<GifCode>& codes);
 // Image data from packed bytes: the minimum code size, sub-blocks of at most `blockSize`
-// bytes, and (with `terminator`) the closing 0.
-Bytes GifImageData(uint8_t minCodeSize, const Bytes& packed, uint8_t blockSize = 255,
-                   bool terminator = true);
+// bytes, and the closing 0.
+Bytes GifImageData(uint8_t minCodeSize, const Bytes& packed, uint8_t blockSize = 255);
 
 // ---- Files --------------------------------------------------------------------------------
 
