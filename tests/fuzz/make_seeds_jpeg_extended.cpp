@@ -35,10 +35,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "can't copy the reference streams: %s\n", ec.message().c_str());
         return 1;
     }
-    bool ok = Write(out / "lossless6_restart.jpg", WriteLossless(GreySpec(24, 10, 6, 7, 1, 24)));
+    bool ok = Write(out / "lossless6_restart.jpg", WriteLossless(GreyFrame(24, 10, 6, 7, 1, 24)));
     ok = ok &&
-         Write(out / "lossless16_midrow_restart.jpg", WriteLossless(GreySpec(17, 9, 16, 4, 0, 5)));
-    LosslessSpec sub;
+         Write(out / "lossless16_midrow_restart.jpg", WriteLossless(GreyFrame(17, 9, 16, 4, 0, 5)));
+    LosslessFrame sub;
     sub.width = 13, sub.height = 9, sub.precision = 10, sub.predictor = 6;
     sub.restartInterval = 7;
     sub.comps.push_back({'R', 2, 2, TestPlane(13, 9, 10, 1)});
@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
     ok = ok && Write(out / "lossless_subsampled.jpg", WriteLossless(sub));
     sub.interleaved = false;
     ok = ok && Write(out / "lossless_scan_per_component.jpg", WriteLossless(sub));
-    LosslessSpec ycck;
+    LosslessFrame ycck;
     ycck.width = 8, ycck.height = 6, ycck.precision = 8, ycck.predictor = 2;
     ycck.marker = ColourMarker::kAdobe, ycck.adobeTransform = 2;
     for (uint8_t id = 1; id <= 4; ++id) ycck.comps.push_back({id, 1, 1, TestPlane(8, 6, 8, id)});
