@@ -68,7 +68,7 @@ int main(int argc, char** argv) {
                                             .samples = Samples(9, 4, 1, index),
                                             .palette = palette,
                                             .paletteAlpha = {0, 128},
-                                            .background = PngBackground{.index = 3}})},
+                                            .backgroundIndex = 3})},
         {"grey-trns.png", WritePng({.width = 6,
                                     .height = 6,
                                     .colourType = 0,
