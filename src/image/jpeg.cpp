@@ -23,6 +23,7 @@
 #include "image/bytes.h"
 #include "image/cmyk.h"
 #include "image/decoders.h"
+#include "image/jpeg_markers.h"
 #include "image/jpegmeta.h"
 #include "image/limits.h"
 #include "image/scale.h"
@@ -34,15 +35,7 @@ namespace {
 // The library reads the source through a buffer of this size.
 constexpr uint32_t kInputBufferBytes = 16384;
 
-// Frame header markers.
-constexpr uint8_t kSofBaseline = 0xC0;
-constexpr uint8_t kSofProgressive = 0xC2;
-constexpr uint8_t kSofLossless = 0xC3;
-
-bool IsFrameMarker(uint8_t marker) {
-    // C4 (Huffman tables), C8 (reserved) and CC (arithmetic conditioning) share the range.
-    return marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
-}
+using namespace jpeg_markers;
 // Lossless processes other than the plain Huffman-coded one (differential or arithmetic).
 bool IsOtherLossless(uint8_t marker) {
     return marker == 0xC7 || marker == 0xCB || marker == 0xCF;

@@ -1,5 +1,7 @@
 #include "image/jpegmeta.h"
 
+#include "image/jpeg_markers.h"
+
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -19,16 +21,7 @@ constexpr uint32_t kMaxSections = 20;
 // 0xFF bytes read in front of a marker; the seventh in a row ends the pass.
 constexpr int kMaxPaddingReads = 7;
 
-constexpr uint8_t kMarkerSos = 0xDA;
-constexpr uint8_t kMarkerEoi = 0xD9;
-constexpr uint8_t kMarkerApp0 = 0xE0;
-constexpr uint8_t kMarkerApp1 = 0xE1;
-constexpr uint8_t kMarkerCom = 0xFE;
-
-bool IsFrameMarker(uint8_t marker) {
-    // C4 (Huffman tables), C8 (reserved) and CC (arithmetic conditioning) share the range.
-    return marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
-}
+using namespace jpeg_markers;
 
 // Bytes per value of the twelve TIFF number formats (index 0 is unused).
 constexpr uint32_t kFormatBytes[13] = {0, 1, 1, 2, 4, 8, 1, 1, 2, 4, 8, 4, 8};
@@ -206,8 +199,8 @@ bool CJPEGMetaData::ReadSections(IXDibIO& source) {
             return false;
         }
         const uint32_t body = length - 2;
-        const bool wanted = IsFrameMarker(marker) || marker == kMarkerApp1 ||
-                            (marker == kMarkerCom && !haveComment);
+        const bool wanted =
+            IsFrameMarker(marker) || marker == kApp1 || (marker == kCom && !haveComment);
         if (wanted) {
             try {
                 data.resize(body);
@@ -229,20 +222,20 @@ bool CJPEGMetaData::ReadSections(IXDibIO& source) {
         }
 
         switch (marker) {
-            case kMarkerSos:
+            case kSos:
                 return true;
-            case kMarkerEoi:  // a stream of tables only
+            case kEoi:  // a stream of tables only
                 std::fputs("No image in jpeg!\n", stderr);
                 sError = "No image in jpeg!";
                 return false;
-            case kMarkerApp0:
+            case kApp0:
                 continue;  // dropped
-            case kMarkerApp1:
+            case kApp1:
                 // Some scanner software uses APP1 for other things: only "Exif" is parsed.
                 if (body < 4 || std::memcmp(data.data(), "Exif", 4) != 0) continue;
                 ParseExifBlock(data.data(), body);
                 break;
-            case kMarkerCom:
+            case kCom:
                 if (haveComment) continue;
                 haveComment = true;
                 // Writers often end the text with a NUL.

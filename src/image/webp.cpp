@@ -200,16 +200,22 @@ bool DecodeAnimation(FileBytes& file, uint32_t width, uint32_t height, XDib* fir
     return whole;
 }
 
+// Reads the whole file, its features and its EXIF chunk (into `meta`).
+bool Open(IXDibIO& source, CJPEGMetaData* meta, FileBytes& file, WebPBitstreamFeatures& features) {
+    if (!ReadAll(source, file)) return false;
+    if (WebPGetFeatures(file.data.get(), file.size, &features) != VP8_STATUS_OK) return false;
+    ReadExif(file, meta);
+    return true;
+}
+
 }  // namespace
 
 bool DecodeWebpFirst(XDib& dib, IXDibIO& source, CJPEGMetaData* meta) {
     dib.Destroy();
     try {
         FileBytes file;
-        if (!ReadAll(source, file)) return false;
         WebPBitstreamFeatures features;
-        if (WebPGetFeatures(file.data.get(), file.size, &features) != VP8_STATUS_OK) return false;
-        ReadExif(file, meta);
+        if (!Open(source, meta, file, features)) return false;
         if (!features.has_animation) return DecodeStill(dib, file, features);
         const uint32_t width = uint32_t(features.width), height = uint32_t(features.height);
         if (!container::PictureFits(width, height, 32)) return false;
@@ -226,10 +232,8 @@ bool LoadWebpFrames(XAnimDib& anim, IXDibIO& source, CJPEGMetaData* meta) {
     anim.Clear();
     try {
         FileBytes file;
-        if (!ReadAll(source, file)) return false;
         WebPBitstreamFeatures features;
-        if (WebPGetFeatures(file.data.get(), file.size, &features) != VP8_STATUS_OK) return false;
-        ReadExif(file, meta);
+        if (!Open(source, meta, file, features)) return false;
         if (!features.has_animation) {
             // A still picture is one frame with delay 0, as every still format loads; a file
             // cut short is shown as far as it went.
