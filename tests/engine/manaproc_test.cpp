@@ -78,7 +78,8 @@ TEST(ManaRules, ReducedPicturesScaleRequestsAndFastFormatsByShowMode) {
     // 700x1050 (height rules, equal), not smaller.
     EXPECT_TRUE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 900, 1350));
     EXPECT_FALSE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 720, 1080));
-    EXPECT_FALSE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 2000, 1000));  // fits as 1920x960
+    EXPECT_FALSE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 1900, 1000));  // fits as 1920x1011
+    EXPECT_TRUE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 2000, 1000));   // fits as 1920x960
     EXPECT_TRUE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 2200, 1100));
     EXPECT_TRUE(IsReducedEnough(SHOW_FIT_WIDTH, 800, 5000, 801, 10));
     EXPECT_FALSE(IsReducedEnough(SHOW_FIT_WIDTH, 800, 10, 800, 5000));
@@ -177,8 +178,9 @@ private:
 class ManaProcTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        // The engine removes OrlimoTemp of the temporary folder when it goes.
-        setenv("TMPDIR", dir.Path().c_str(), 1);
+        // The engine removes OrlimoTemp of the temporary folder when it goes: keep that inside
+        // the folder the scratch folders live in.
+        setenv("TMPDIR", std::filesystem::path(dir.Path()).parent_path().c_str(), 1);
         settings.nStretchMode = SHOW_STRETCH;
         settings.nFilterMode = 1;
         settings.nCanvasWidth = 400;
