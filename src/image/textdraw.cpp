@@ -352,9 +352,9 @@ std::string XEllipsizeMiddle(const XFontSpec& font, std::string_view utf8, int32
     // side, by one more when odd) from the end.
     const auto form = [&](size_t kept) {
         const size_t head = kept / 2, tail = kept - head;
-        std::string s(utf8.substr(0, head < count ? starts[head] : utf8.size()));
+        std::string s(utf8.substr(0, starts[head]));
         s += kEllipsis;
-        s += utf8.substr(starts[count - tail]);
+        if (tail) s += utf8.substr(starts[count - tail]);
         return s;
     };
     // The width grows with what is kept; find the most that still fits.
