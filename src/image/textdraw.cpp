@@ -80,11 +80,14 @@ public:
 
 private:
     FontStore() {
-        if (FT_Init_FreeType(&library) != 0) library = nullptr;
+        // A configuration of our own, so that what it holds goes when the store goes.
+        config = FcInitLoadConfigAndFonts();
+        if (config && FT_Init_FreeType(&library) != 0) library = nullptr;
     }
     ~FontStore() {
         opened.clear();
         if (library) FT_Done_FreeType(library);
+        if (config) FcConfigDestroy(config);
     }
 
     // Asks fontconfig for the best face of `spec`, covering `codePoint` when it isn't 0.
@@ -104,10 +107,10 @@ private:
             FcPatternAddCharSet(pattern, FC_CHARSET, set);
             FcCharSetDestroy(set);
         }
-        FcConfigSubstitute(nullptr, pattern, FcMatchPattern);
+        FcConfigSubstitute(config, pattern, FcMatchPattern);
         FcDefaultSubstitute(pattern);
         FcResult result = FcResultNoMatch;
-        FcPattern* match = FcFontMatch(nullptr, pattern, &result);
+        FcPattern* match = FcFontMatch(config, pattern, &result);
         FcPatternDestroy(pattern);
         if (!match) return nullptr;
         FcChar8* file = nullptr;
@@ -152,6 +155,7 @@ private:
         return result;
     }
 
+    FcConfig* config = nullptr;
     FT_Library library = nullptr;
     std::map<std::tuple<std::string, int, uint32_t, bool, bool>, std::unique_ptr<Face>> opened;
     std::map<std::tuple<std::string, uint32_t, bool, bool>, Face*> primaries;
