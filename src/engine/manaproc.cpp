@@ -12,6 +12,7 @@
 #include "base/xlog.h"
 #include "engine/compose.h"
 #include "platform/files.h"
+#include "platform/memory.h"
 #include "platform/system.h"
 
 namespace {
@@ -230,7 +231,7 @@ void CManaProc::PostCacheImage(int32_t index, uint64_t target) {
 
 uint32_t CManaProc::ThreadMain() {
     // Budgets from the free memory of this moment; each cache starts before it gets a request.
-    const int64_t availMB = platform::GetAvailableMemoryMB();
+    const int64_t availMB = platform::GetAvailablePhysicalMB();
     cacheMain.Start();
     cacheMain.nInstance = 0;
     cacheMain.nBudgetMB = CImageMan::BudgetFor(0, availMB);

@@ -5,30 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <thread>
 
 extern char** environ;
 
 namespace platform {
-
-int64_t GetAvailableMemoryMB() {
-    FILE* f = std::fopen("/proc/meminfo", "r");
-    if (!f) return -1;
-    char line[256];
-    int64_t result = -1;
-    while (std::fgets(line, sizeof line, f)) {
-        long long kb = 0;
-        if (std::sscanf(line, "MemAvailable: %lld kB", &kb) == 1) {
-            result = kb >> 10;
-            break;
-        }
-    }
-    std::fclose(f);
-    return result;
-}
 
 std::string GetTempFolder() {
     const char* env = std::getenv("TMPDIR");

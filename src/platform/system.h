@@ -1,14 +1,11 @@
-// Operating-system services of the page engine: free memory, the temporary folder, and starting
-// another program without waiting for it.
+// Operating-system services of the page engine: the temporary folder, and starting another
+// program without waiting for it.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 namespace platform {
-
-// Free physical memory in megabytes: MemAvailable of /proc/meminfo. -1 when it can't be read.
-int64_t GetAvailableMemoryMB();
 
 // $TMPDIR when it is set and not empty, else "/tmp"; without a trailing "/".
 std::string GetTempFolder();
