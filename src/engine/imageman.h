@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/xthread.h"
 #include "engine/imagefileinfo.h"
@@ -100,6 +101,32 @@ public:
     XAnimDib* PostDecode(std::string_view path, std::string_view key, XDibIOPtr source,
                          int32_t waitMs, bool* timedOut);
 
+    // The policies, as plain functions of their inputs.
+    // The key of a source of `fileSize` bytes last written at `lastWrite` (a file time).
+    static std::string FormatKey(std::string_view password, int64_t fileSize, uint64_t lastWrite,
+                                 const ImageOptions& options);
+    // `usedBytes / 1024 / 1024 > budgetMB`, in signed integer division.
+    static bool ExceedsBudget(int64_t usedBytes, int32_t budgetMB);
+    // The slots MakeRoom empties, in order: from `nextBucket` to the end, then from 0 up to
+    // the slot before the newest (`nextBucket - 1`), which is spared.
+    static std::vector<int> EvictionOrder(int32_t nextBucket);
+    // Whether a slot answers a lookup: equal strings, a frame, and frame 0 either full or
+    // reduced while the full picture isn't asked for.
+    static bool IsHit(const ImageBucket& bucket, std::string_view path, std::string_view key,
+                      bool bFull);
+    // The 32 x 32 tile behind transparent pictures: white, with (0,0)-(16,16) and
+    // (16,16)-(32,32) in 0xC8C8C8.
+    static bool MakeChecker(XDib& tile);
+    // The picture that stands for a page that can't be decoded: 640 x 480, 24 bits, white, both
+    // diagonals, and `path` on one line in the middle, shortened inside when too long.
+    static bool MakeErrorPicture(XAnimDib& ani, std::string_view path);
+
+    // What the cache holds, for the engine's diagnostics and the tests; each takes `cs`.
+    int64_t GetUsedBytes();
+    int32_t GetNextBucket();
+    std::string GetBucketPath(int index);
+    bool HasColorManager() const { return pColorMan_ != nullptr; }
+
     int32_t nInstance = 0;
     int32_t nBudgetMB = 50;
 
@@ -107,13 +134,23 @@ protected:
     uint32_t ThreadMain() override;
 
 private:
+    XResult Serve(const XCommand& command);
+    void Decode(const ImageJob& job);
+    // Steps after a load: depth and transparency to 32 bits, then the view's turn and filters.
+    void Normalise(XAnimDib& ani, const ImageOptions& options) const;
+    // Empties slot `index`; the caller holds `cs`. Returns the bytes it held.
+    uint64_t EmptyBucketLocked(int index);
+
+    // Lock order: the page list's lock, then `cs_`; nothing under `cs_` takes another lock.
+    // `cs_` guards the buckets, nNextBucket_, nUsedBytes_, scaleRequest_ and options_. The cache
+    // thread holds it only to publish a picture and to drop buckets, never while decoding.
+    std::mutex cs_;
     ImageBucket buckets_[kBucketCount];
     int32_t nNextBucket_ = 0;
-    XDib checker_;
-    std::unique_ptr<XColorMan> pColorMan_;
-    XDibScaleRequest scaleRequest_;
     int64_t nUsedBytes_ = 0;
-    bool bQuit_ = false;
-    std::mutex cs_;
+    XDibScaleRequest scaleRequest_;
     ImageOptions options_;
+    XDib checker_;  // read-only after construction
+    std::unique_ptr<XColorMan> pColorMan_;
+    bool bQuit_ = false;  // the cache thread's own
 };

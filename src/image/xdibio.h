@@ -103,6 +103,8 @@ public:
     int64_t GetSize() override { return nFileSize; }
 
     bool IsOpen() const { return hFile >= 0; }
+    // The descriptor, for asking the file system about the file being read.
+    int Handle() const { return hFile; }
 
 private:
     int hFile;

@@ -61,6 +61,39 @@ int64_t GetFileSize(const std::string& path) {
     return static_cast<int64_t>(st.st_size);
 }
 
+uint64_t FileTimeFromUnix(int64_t seconds, uint32_t nanoseconds) {
+    // 1601-01-01 to 1970-01-01 is 11644473600 seconds.
+    constexpr int64_t kEpochGap = 11644473600;
+    if (seconds < -kEpochGap) return 0;
+    return uint64_t(seconds + kEpochGap) * 10000000u + nanoseconds / 100;
+}
+
+namespace {
+
+// statx gives the birth time where the file system keeps one; AT_EMPTY_PATH with an empty name
+// examines the descriptor itself.
+bool FactsFromStatx(int dirFd, const char* name, int flags, FileFacts* facts) {
+    *facts = {};
+    struct statx st;
+    if (statx(dirFd, name, flags, STATX_SIZE | STATX_MTIME | STATX_BTIME, &st) != 0) return false;
+    if (!S_ISREG(st.stx_mode) && !S_ISBLK(st.stx_mode)) return false;
+    facts->nSize = static_cast<int64_t>(st.stx_size);
+    facts->ftLastWrite = FileTimeFromUnix(st.stx_mtime.tv_sec, st.stx_mtime.tv_nsec);
+    if (st.stx_mask & STATX_BTIME)
+        facts->ftCreation = FileTimeFromUnix(st.stx_btime.tv_sec, st.stx_btime.tv_nsec);
+    return true;
+}
+
+}  // namespace
+
+bool GetFileFacts(const std::string& path, FileFacts* facts) {
+    return FactsFromStatx(AT_FDCWD, path.c_str(), 0, facts);
+}
+
+bool GetFileFactsOf(int fd, FileFacts* facts) {
+    return FactsFromStatx(fd, "", AT_EMPTY_PATH, facts);
+}
+
 std::string GetProgramFolder() {
     std::string path(4096, '\0');
     const ssize_t n = readlink("/proc/self/exe", path.data(), path.size());

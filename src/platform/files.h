@@ -44,6 +44,22 @@ bool IsDirectory(const std::string& path);
 // The size of the file at `path` in bytes; -1 when it doesn't exist or can't be examined.
 int64_t GetFileSize(const std::string& path);
 
+// A file's size and times. Times are Windows-style file times, 100 ns steps since 1601-01-01
+// UTC, which is the shape the image cache keys carry (high word, then low word).
+struct FileFacts {
+    int64_t nSize = 0;
+    uint64_t ftLastWrite = 0;
+    uint64_t ftCreation = 0;  // the birth time where the file system keeps one, else 0
+};
+
+// The file time of a POSIX time; times before 1601 give 0.
+uint64_t FileTimeFromUnix(int64_t seconds, uint32_t nanoseconds);
+
+// The facts of the file at `path` (links followed) or of an open descriptor. False, with the
+// facts left zero, when it can't be examined.
+bool GetFileFacts(const std::string& path, FileFacts* facts);
+bool GetFileFactsOf(int fd, FileFacts* facts);
+
 // The folder of the running executable, without a trailing "/": the program folder, where the
 // files that ship beside it (colour profiles, languages, skins) are found. Empty if unknown.
 std::string GetProgramFolder();

@@ -1,6 +1,8 @@
 #include "platform/files.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
@@ -41,4 +43,33 @@ TEST(Files, ListingGivesNamesKindsAndSizesFollowsLinksAndFailsOnNonFolders) {
                                          {"link.jpg", {false, 1234}},
                                          {"linkdir", {true, 0}},
                                          {"dangling.jpg", {false, -1}}}));
+}
+
+TEST(Files, FactsGiveSizeAndFileTimesOfFilesAndNothingForOthers) {
+    // The file time of the POSIX epoch, and 100 ns steps below it.
+    EXPECT_EQ(platform::FileTimeFromUnix(0, 0), 116444736000000000u);
+    EXPECT_EQ(platform::FileTimeFromUnix(1, 250), 116444736010000002u);
+    EXPECT_EQ(platform::FileTimeFromUnix(-11644473601, 0), 0u);
+
+    ScratchFolder dir;
+    const std::string file = dir.MakeFile("a.jpg", 4321);
+    struct timespec times[2] = {{1700000000, 123456789}, {1700000000, 123456789}};
+    ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    platform::FileFacts facts;
+    ASSERT_TRUE(platform::GetFileFacts(file, &facts));
+    EXPECT_EQ(facts.nSize, 4321);
+    EXPECT_EQ(facts.ftLastWrite, platform::FileTimeFromUnix(1700000000, 123456789));
+    platform::FileFacts byHandle;
+    const int fd = open(file.c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(platform::GetFileFactsOf(fd, &byHandle));
+    close(fd);
+    EXPECT_EQ(byHandle.nSize, facts.nSize);
+    EXPECT_EQ(byHandle.ftLastWrite, facts.ftLastWrite);
+    EXPECT_EQ(byHandle.ftCreation, facts.ftCreation);
+
+    EXPECT_FALSE(platform::GetFileFacts(dir / "missing", &facts));
+    EXPECT_EQ(facts.nSize, 0);
+    EXPECT_EQ(facts.ftLastWrite, 0u);
+    EXPECT_FALSE(platform::GetFileFacts(dir.Path(), &facts));  // a folder is no page
 }
