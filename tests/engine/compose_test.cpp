@@ -185,6 +185,15 @@ TEST(ComposeLayout, ReportsStripsActualSizeAndNothingToDraw) {
     l = LayoutView(&landscape, nullptr, s, false);
     EXPECT_EQ(l.nStripSourceX[0], 471u);
     EXPECT_EQ(l.nStripSourceX[1], 0u);
+    // A square page counts as upright and stays whole in mode 5 too.
+    s.nStretchMode = SHOW_ONE_PAGE_L2R;
+    const ComposeSize square = Size(700, 700);
+    EXPECT_FALSE(LayoutView(&square, nullptr, s, false).bStrips);
+    // A picture one pixel high: only w / h is ever divided by.
+    const ComposeSize line = Size(3000, 1);
+    EXPECT_EQ(LayoutView(&line, nullptr, s, false).rcPage, (XRect{0, 0, 800, 1}));  // 2 * 800/1590
+    s.nStretchMode = SHOW_STRETCH;
+    EXPECT_EQ(LayoutView(&line, nullptr, s, false).rcPage, (XRect{0, 0, 800, 0}));  // 0.27
 
     // bActualSize: mode 0 and no filter, even for a sharpening filter and a spread request;
     // a reduced picture is scaled up to its true size.
