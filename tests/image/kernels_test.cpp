@@ -8,6 +8,8 @@
 #include <random>
 #include <vector>
 
+#include <hwy/targets.h>
+
 #include "image/kernels/kernels.h"
 
 namespace {
@@ -60,6 +62,18 @@ Plane Page(uint32_t w, uint32_t h, uint32_t ch) {
                 p.At(x, y)[c] = uint8_t(std::clamp(v, 0.0, 255.0));
             }
     return p;
+}
+
+// Runs `check` once on every instruction set the kernels were built for that this processor has,
+// so that the vector code of each, not only the best one, meets the reference.
+template <typename Check>
+void OnEveryInstructionSet(Check check) {
+    for (int64_t target : hwy::SupportedAndGeneratedTargets()) {
+        SCOPED_TRACE(hwy::TargetName(target));
+        hwy::SetSupportedTargetsForTest(target);
+        check();
+    }
+    hwy::SetSupportedTargetsForTest(0);
 }
 
 // ---- the reference: what each kernel computes, one target pixel at a time -------------------
@@ -159,25 +173,27 @@ int MaxError(const ResizeJob& job, const Plane& dst) {
 }
 
 TEST(ResizeTest, EveryKernelFollowsTheReferenceAtOddSizes) {
-    struct Size {
-        uint32_t sw, sh, dw, dh;
-    };
-    const Size sizes[] = {{7, 3, 11, 5}, {23, 17, 9, 6},   {1, 9, 3, 4},   {9, 1, 4, 1},
-                          {5, 5, 5, 5},  {40, 30, 13, 29}, {3, 2, 17, 11}, {64, 48, 21, 15}};
-    uint32_t seed = 1;
-    for (uint32_t kernel : kKernels)
-        for (uint32_t ch : {3u, 4u})
-            for (const Size& s : sizes) {
-                SCOPED_TRACE(testing::Message()
-                             << "kernel " << kernel << " channels " << ch << " " << s.sw << "x"
-                             << s.sh << " -> " << s.dw << "x" << s.dh);
-                const Plane src = Noise(s.sw, s.sh, ch, seed++);
-                Plane dst(s.dw, s.dh, ch);
-                const ResizeJob job = MakeJob(kernel, src, dst);
-                ASSERT_TRUE(RunResize(job, 1));
-                EXPECT_LE(MaxError(job, dst), kernel == kResizeNearest ? 0 : 1);
-                EXPECT_TRUE(dst.SlackIntact());
-            }
+    OnEveryInstructionSet([&] {
+        struct Size {
+            uint32_t sw, sh, dw, dh;
+        };
+        const Size sizes[] = {{7, 3, 11, 5}, {23, 17, 9, 6},   {1, 9, 3, 4},   {9, 1, 4, 1},
+                              {5, 5, 5, 5},  {40, 30, 13, 29}, {3, 2, 17, 11}, {64, 48, 21, 15}};
+        uint32_t seed = 1;
+        for (uint32_t kernel : kKernels)
+            for (uint32_t ch : {3u, 4u})
+                for (const Size& s : sizes) {
+                    SCOPED_TRACE(testing::Message()
+                                 << "kernel " << kernel << " channels " << ch << " " << s.sw << "x"
+                                 << s.sh << " -> " << s.dw << "x" << s.dh);
+                    const Plane src = Noise(s.sw, s.sh, ch, seed++);
+                    Plane dst(s.dw, s.dh, ch);
+                    const ResizeJob job = MakeJob(kernel, src, dst);
+                    ASSERT_TRUE(RunResize(job, 1));
+                    EXPECT_LE(MaxError(job, dst), kernel == kResizeNearest ? 0 : 1);
+                    EXPECT_TRUE(dst.SlackIntact());
+                }
+    });
 }
 
 TEST(ResizeTest, ClippedRectanglesKeepTheGeometryOfTheWhole) {
@@ -228,21 +244,23 @@ double Psnr(const ResizeJob& job, const Plane& dst) {
 }
 
 TEST(ResizeTest, SuperSamplingIsTheAreaAverage) {
-    // Against the unrounded area average: only the final rounding may differ.
-    const Plane src = Page(180, 270, 4);
-    Plane dst(72, 108, 4);
-    const ResizeJob job = MakeJob(kResizeSuper, src, dst);
-    ASSERT_TRUE(RunResize(job, 2));
-    EXPECT_GE(Psnr(job, dst), 50.0);
-    // An area of one flat colour averages to that colour, whatever the coverage.
-    Plane flat(31, 17, 3, 0);
-    for (uint32_t y = 0; y < flat.h; ++y)
-        for (uint32_t x = 0; x < flat.w; ++x) std::memcpy(flat.At(x, y), "\x10\x80\xF0", 3);
-    Plane small(7, 6, 3);
-    ASSERT_TRUE(RunResize(MakeJob(kResizeSuper, flat, small), 1));
-    for (uint32_t y = 0; y < small.h; ++y)
-        for (uint32_t x = 0; x < small.w; ++x)
-            EXPECT_EQ(0, std::memcmp(small.At(x, y), "\x10\x80\xF0", 3)) << x << "," << y;
+    OnEveryInstructionSet([&] {
+        // Against the unrounded area average: only the final rounding may differ.
+        const Plane src = Page(180, 270, 4);
+        Plane dst(72, 108, 4);
+        const ResizeJob job = MakeJob(kResizeSuper, src, dst);
+        ASSERT_TRUE(RunResize(job, 2));
+        EXPECT_GE(Psnr(job, dst), 50.0);
+        // An area of one flat colour averages to that colour, whatever the coverage.
+        Plane flat(31, 17, 3, 0);
+        for (uint32_t y = 0; y < flat.h; ++y)
+            for (uint32_t x = 0; x < flat.w; ++x) std::memcpy(flat.At(x, y), "\x10\x80\xF0", 3);
+        Plane small(7, 6, 3);
+        ASSERT_TRUE(RunResize(MakeJob(kResizeSuper, flat, small), 1));
+        for (uint32_t y = 0; y < small.h; ++y)
+            for (uint32_t x = 0; x < small.w; ++x)
+                EXPECT_EQ(0, std::memcmp(small.At(x, y), "\x10\x80\xF0", 3)) << x << "," << y;
+    });
 }
 
 TEST(ResizeTest, BandsGiveTheSameBytesAsOneThread) {
@@ -289,33 +307,36 @@ TEST(ResizeTest, InvalidJobsAreRefusedAndLeaveTheTarget) {
 }
 
 TEST(SharpenTest, SixteenCentreLessNeighboursOverEightLimited) {
-    for (uint32_t ch : {3u, 4u}) {
-        SCOPED_TRACE(ch);
-        const Plane src = Noise(19, 7, ch, 40 + ch);
-        Plane dst(17, 5, ch);
-        ASSERT_TRUE(Sharpen3x3(ch, src.At(1, 1), src.stride, dst.bytes.data(), dst.stride, 17, 5));
-        for (uint32_t y = 0; y < 5; ++y)
-            for (uint32_t x = 0; x < 17; ++x)
-                for (uint32_t c = 0; c < ch; ++c) {
-                    int sum = 0;
-                    for (int dy = 0; dy < 3; ++dy)
-                        for (int dx = 0; dx < 3; ++dx)
-                            if (dx != 1 || dy != 1) sum += src.At(x + dx, y + dy)[c];
-                    const int want =
-                        c == 3 ? kCanary
-                               : std::clamp((16 * src.At(x + 1, y + 1)[c] - sum) / 8, 0, 255);
-                    ASSERT_EQ(dst.At(x, y)[c], want) << x << "," << y << " channel " << c;
-                }
-        EXPECT_TRUE(dst.SlackIntact());
-    }
-    // A bright dot on grey: the dot saturates, its neighbours darken, the grey stays.
-    Plane dot(5, 5, 3, 100);
-    std::memset(dot.At(2, 2), 200, 3);
-    Plane out(3, 3, 3);
-    ASSERT_TRUE(Sharpen3x3(3, dot.At(1, 1), dot.stride, out.bytes.data(), out.stride, 3, 3));
-    EXPECT_EQ(out.At(1, 1)[0], 255);
-    EXPECT_EQ(out.At(0, 0)[1], 87);  // (1600 - 900) / 8
-    EXPECT_FALSE(Sharpen3x3(2, dot.At(1, 1), dot.stride, out.bytes.data(), out.stride, 3, 3));
+    OnEveryInstructionSet([&] {
+        for (uint32_t ch : {3u, 4u}) {
+            SCOPED_TRACE(ch);
+            const Plane src = Noise(19, 7, ch, 40 + ch);
+            Plane dst(17, 5, ch);
+            ASSERT_TRUE(
+                Sharpen3x3(ch, src.At(1, 1), src.stride, dst.bytes.data(), dst.stride, 17, 5));
+            for (uint32_t y = 0; y < 5; ++y)
+                for (uint32_t x = 0; x < 17; ++x)
+                    for (uint32_t c = 0; c < ch; ++c) {
+                        int sum = 0;
+                        for (int dy = 0; dy < 3; ++dy)
+                            for (int dx = 0; dx < 3; ++dx)
+                                if (dx != 1 || dy != 1) sum += src.At(x + dx, y + dy)[c];
+                        const int want =
+                            c == 3 ? kCanary
+                                   : std::clamp((16 * src.At(x + 1, y + 1)[c] - sum) / 8, 0, 255);
+                        ASSERT_EQ(dst.At(x, y)[c], want) << x << "," << y << " channel " << c;
+                    }
+            EXPECT_TRUE(dst.SlackIntact());
+        }
+        // A bright dot on grey: the dot saturates, its neighbours darken, the grey stays.
+        Plane dot(5, 5, 3, 100);
+        std::memset(dot.At(2, 2), 200, 3);
+        Plane out(3, 3, 3);
+        ASSERT_TRUE(Sharpen3x3(3, dot.At(1, 1), dot.stride, out.bytes.data(), out.stride, 3, 3));
+        EXPECT_EQ(out.At(1, 1)[0], 255);
+        EXPECT_EQ(out.At(0, 0)[1], 87);  // (1600 - 900) / 8
+        EXPECT_FALSE(Sharpen3x3(2, dot.At(1, 1), dot.stride, out.bytes.data(), out.stride, 3, 3));
+    });
 }
 
 TEST(GammaTest, VideoGammaPerColourChannelAlphaCopied) {
@@ -339,34 +360,36 @@ TEST(GammaTest, VideoGammaPerColourChannelAlphaCopied) {
 }
 
 TEST(PixelCopyTest, FillExpandPackAtEveryTailLength) {
-    for (uint32_t n = 0; n < 70; ++n) {
-        SCOPED_TRACE(n);
-        std::vector<uint8_t> fill(4 * n + 8, kCanary);
-        Fill32(fill.data(), 4 * n, n, 1, 1, 2, 3, 4);
-        for (uint32_t i = 0; i < n; ++i)
-            ASSERT_EQ(0, std::memcmp(&fill[4 * i], "\x01\x02\x03\x04", 4));
-        EXPECT_EQ(fill[4 * n], kCanary);
+    OnEveryInstructionSet([&] {
+        for (uint32_t n = 0; n < 70; ++n) {
+            SCOPED_TRACE(n);
+            std::vector<uint8_t> fill(4 * n + 8, kCanary);
+            Fill32(fill.data(), 4 * n, n, 1, 1, 2, 3, 4);
+            for (uint32_t i = 0; i < n; ++i)
+                ASSERT_EQ(0, std::memcmp(&fill[4 * i], "\x01\x02\x03\x04", 4));
+            EXPECT_EQ(fill[4 * n], kCanary);
 
-        std::vector<uint8_t> rgb(3 * n + 1);
-        for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = uint8_t(i * 7 + 1);
-        std::vector<uint8_t> rgba(4 * n + 8, kCanary), back(3 * n + 8, kCanary);
-        Expand24To32(rgb.data(), rgba.data(), n);
-        Pack32To24(rgba.data(), back.data(), n);
-        for (uint32_t i = 0; i < n; ++i) {
-            ASSERT_EQ(0, std::memcmp(&rgba[4 * i], &rgb[3 * i], 3));
-            ASSERT_EQ(rgba[4 * i + 3], 255);
+            std::vector<uint8_t> rgb(3 * n + 1);
+            for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = uint8_t(i * 7 + 1);
+            std::vector<uint8_t> rgba(4 * n + 8, kCanary), back(3 * n + 8, kCanary);
+            Expand24To32(rgb.data(), rgba.data(), n);
+            Pack32To24(rgba.data(), back.data(), n);
+            for (uint32_t i = 0; i < n; ++i) {
+                ASSERT_EQ(0, std::memcmp(&rgba[4 * i], &rgb[3 * i], 3));
+                ASSERT_EQ(rgba[4 * i + 3], 255);
+            }
+            EXPECT_EQ(rgba[4 * n], kCanary);
+            EXPECT_EQ(0, std::memcmp(back.data(), rgb.data(), 3 * n));
+            EXPECT_EQ(back[3 * n], kCanary);
         }
-        EXPECT_EQ(rgba[4 * n], kCanary);
-        EXPECT_EQ(0, std::memcmp(back.data(), rgb.data(), 3 * n));
-        EXPECT_EQ(back[3 * n], kCanary);
-    }
-    // Several rows with a stride wider than the row.
-    std::vector<uint8_t> rows(3 * 40, 0);
-    Fill32(rows.data(), 40, 7, 3, 9, 8, 7, 6);
-    for (uint32_t y = 0; y < 3; ++y) {
-        EXPECT_EQ(rows[y * 40 + 27], 6);
-        EXPECT_EQ(rows[y * 40 + 28], 0);
-    }
+        // Several rows with a stride wider than the row.
+        std::vector<uint8_t> rows(3 * 40, 0);
+        Fill32(rows.data(), 40, 7, 3, 9, 8, 7, 6);
+        for (uint32_t y = 0; y < 3; ++y) {
+            EXPECT_EQ(rows[y * 40 + 27], 6);
+            EXPECT_EQ(rows[y * 40 + 28], 0);
+        }
+    });
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "image/kernels/simd.h"
+
 namespace kernels {
 
 void CopyRows(const uint8_t* src, size_t srcStride, uint8_t* dst, size_t dstStride, size_t rowBytes,
@@ -20,22 +22,15 @@ void Fill32(uint8_t* dst, size_t dstStride, uint32_t width, uint32_t rows, uint8
             uint8_t r, uint8_t a) {
     const uint32_t value =
         uint32_t(b) | (uint32_t(g) << 8) | (uint32_t(r) << 16) | (uint32_t(a) << 24);
-    for (uint32_t y = 0; y < rows; ++y) {
-        uint8_t* row = dst + y * dstStride;
-        for (uint32_t x = 0; x < width; ++x) std::memcpy(row + 4 * x, &value, 4);
-    }
+    for (uint32_t y = 0; y < rows; ++y) Fill32Row(dst + y * dstStride, width, value);
 }
 
 void Expand24To32(const uint8_t* src, uint8_t* dst, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i, src += 3, dst += 4) {
-        dst[0] = src[0], dst[1] = src[1], dst[2] = src[2], dst[3] = 255;
-    }
+    Expand24To32Row(src, dst, count);
 }
 
 void Pack32To24(const uint8_t* src, uint8_t* dst, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i, src += 4, dst += 3) {
-        dst[0] = src[0], dst[1] = src[1], dst[2] = src[2];
-    }
+    Pack32To24Row(src, dst, count);
 }
 
 void AlphaBlend(const uint8_t* src, uint8_t* dst, uint32_t count, uint32_t dstBytes,

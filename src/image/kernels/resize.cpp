@@ -10,7 +10,7 @@
 
 #include "image/kernels/bandpool.h"
 #include "image/kernels/kernels.h"
-#include "image/kernels/resize_passes.h"
+#include "image/kernels/simd.h"
 
 namespace kernels {
 namespace {
@@ -75,8 +75,13 @@ bool AxisBytes(size_t dst, size_t taps, size_t& bytes) {
 
 // The float row of one band: the source row's samples, plus padding so that a 3-channel pixel
 // can be read as four floats.
-size_t BandRowBytes(const ResizeJob& job) {
+size_t FloatRowBytes(const ResizeJob& job) {
     return AlignUp((size_t(job.nSrcWidth) * job.nChannels + 16) * sizeof(float));
+}
+
+// A band works on two float rows, so that 4-channel rows can pass the horizontal step in pairs.
+size_t BandRowBytes(const ResizeJob& job) {
+    return 2 * FloatRowBytes(job);
 }
 
 uint32_t BandCount(const ResizeJob& job, uint32_t threads) {
@@ -193,15 +198,26 @@ void NearestRows(const ResizeJob& job, const ResizeAxis& ax, const ResizeAxis& a
     }
 }
 
-void FilteredRows(const ResizeJob& job, const ResizeAxis& ax, const ResizeAxis& ay, float* row,
-                  uint32_t y0, uint32_t y1) {
-    const size_t rowSamples = size_t(job.nSrcWidth) * job.nChannels;
-    for (uint32_t y = y0; y < y1; ++y) {
-        const uint8_t* first = job.pSrc + size_t(ay.pStart[y]) * job.nSrcStride;
-        VerticalPass(first, job.nSrcStride, ay.pWeights + size_t(y) * ay.nTaps,
-                     uint32_t(ay.pCount[y]), rowSamples, row);
-        HorizontalPass(row, ax, job.nChannels, job.nDstWidth,
-                       job.pDst + size_t(y) * job.nDstStride);
+void FilteredRows(const ResizeJob& job, const ResizeAxis& ax, const ResizeAxis& ay, float* rowA,
+                  float* rowB, uint32_t y0, uint32_t y1) {
+    const size_t samples = size_t(job.nSrcWidth) * job.nChannels;
+    const auto vertical = [&](uint32_t y, float* row) {
+        VerticalPass(job.pSrc + size_t(ay.pStart[y]) * job.nSrcStride, job.nSrcStride,
+                     ay.pWeights + size_t(y) * ay.nTaps, uint32_t(ay.pCount[y]), samples, row);
+    };
+    uint8_t* const dst = job.pDst;
+    uint32_t y = y0;
+    if (job.nChannels == 4) {
+        for (; y + 2 <= y1; y += 2) {
+            vertical(y, rowA);
+            vertical(y + 1, rowB);
+            HorizontalPass4x2(rowA, rowB, ax, job.nDstWidth, dst + size_t(y) * job.nDstStride,
+                              dst + size_t(y + 1) * job.nDstStride);
+        }
+    }
+    for (; y < y1; ++y) {
+        vertical(y, rowA);
+        HorizontalPass(rowA, ax, job.nChannels, job.nDstWidth, dst + size_t(y) * job.nDstStride);
     }
 }
 
@@ -239,11 +255,13 @@ bool Resize(const ResizeJob& job, uint8_t* work, size_t workSize, uint32_t threa
         if (job.nKernel == kResizeNearest) {
             NearestRows(job, ax, ay, y0, y1);
         } else {
-            float* row = reinterpret_cast<float*>(pos + b * rowBytes);
+            const size_t floatRow = FloatRowBytes(job);
+            float* rowA = reinterpret_cast<float*>(pos + b * rowBytes);
+            float* rowB = reinterpret_cast<float*>(pos + b * rowBytes + floatRow);
             // The padding behind the samples is read by 3-channel pixels and must be numbers.
-            std::fill(row + size_t(job.nSrcWidth) * job.nChannels,
-                      reinterpret_cast<float*>(pos + (b + 1) * rowBytes), 0.0f);
-            FilteredRows(job, ax, ay, row, y0, y1);
+            const size_t samples = size_t(job.nSrcWidth) * job.nChannels;
+            std::fill(rowA + samples, rowA + floatRow / sizeof(float), 0.0f);
+            FilteredRows(job, ax, ay, rowA, rowB, y0, y1);
         }
     };
     BandPool::Shared().Run(bands, band);

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "image/kernels/kernels.h"
+#include "image/kernels/simd.h"
 
 namespace kernels {
 namespace {
@@ -24,22 +25,9 @@ std::array<uint8_t, 256> MakeGammaTable() {
 bool Sharpen3x3(uint32_t channels, const uint8_t* src, size_t srcStride, uint8_t* dst,
                 size_t dstStride, uint32_t width, uint32_t height) {
     if ((channels != 3 && channels != 4) || !src || !dst || !width || !height) return false;
-    const ptrdiff_t ch = channels;
-    const ptrdiff_t up = -ptrdiff_t(srcStride);
-    const ptrdiff_t down = ptrdiff_t(srcStride);
-    for (uint32_t y = 0; y < height; ++y) {
-        const uint8_t* s = src + size_t(y) * srcStride;
-        uint8_t* d = dst + size_t(y) * dstStride;
-        for (uint32_t x = 0; x < width; ++x, s += ch, d += ch) {
-            for (int c = 0; c < 3; ++c) {
-                const uint8_t* p = s + c;
-                const int sum = p[up - ch] + p[up] + p[up + ch] + p[-ch] + p[ch] + p[down - ch] +
-                                p[down] + p[down + ch];
-                const int v = (16 * p[0] - sum) / 8;
-                d[c] = uint8_t(std::clamp(v, 0, 255));
-            }
-        }
-    }
+    for (uint32_t y = 0; y < height; ++y)
+        SharpenRow(channels, src + size_t(y) * srcStride, srcStride, dst + size_t(y) * dstStride,
+                   size_t(width) * channels);
     return true;
 }
 
