@@ -155,6 +155,7 @@ void CTarnUnZip::InitFormat() {
 
 void CTarnUnZip::ReleaseFormat() {
     localMap_.clear();
+    hourCache_.clear();  // the zone may differ by the next archive
     pMulti_.Reset();
 }
 
@@ -310,6 +311,24 @@ bool CTarnUnZip::ScanLocalHeaders() {
     return false;
 }
 
+uint32_t CTarnUnZip::LocalTime(uint32_t dosTime) {
+    // The platform's local time conversion looks at the time zone file on every call, which
+    // made it most of the cost of listing a large book. Entries of an archive are mostly made
+    // within a few hours, and a zone changes its offset only on the hour: convert each hour once
+    // and add the minutes and seconds.
+    const uint32_t hourKey = dosTime & 0xFFFFF800;
+    const auto it = hourCache_.find(hourKey);
+    uint32_t hour = 0;
+    if (it != hourCache_.end()) {
+        hour = it->second;
+    } else {
+        hour = TarnDosTimeToTime(hourKey);
+        if (hourCache_.size() < 4096) hourCache_.emplace(hourKey, hour);
+    }
+    if (hour == 0) return TarnDosTimeToTime(dosTime);
+    return hour + std::min<uint32_t>((dosTime >> 5) & 63, 59) * 60 + (dosTime & 31) * 2;
+}
+
 std::unique_ptr<TarnFileItem> CTarnUnZip::MakeItem(const Header& h) {
     auto item = std::make_unique<TarnFileItem>();
     item->compressedSize = h.compressedSize;
@@ -318,7 +337,7 @@ std::unique_ptr<TarnFileItem> CTarnUnZip::MakeItem(const Header& h) {
     item->compressionMethod = h.method;
     item->flags = h.flags;
     item->dosTime = h.dosTime;
-    item->fileTime = TarnDosTimeToTime(h.dosTime);
+    item->fileTime = LocalTime(h.dosTime);
     item->fileTimeNT = TarnTimeToFileTime(item->fileTime);
     if (h.uncompressedSize == 0xFFFFFFFF) bZip64_ = true;
     if (h.flags & kFlagEncrypted) {

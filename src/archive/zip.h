@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "archive/crypto.h"
 #include "archive/tarn.h"
@@ -49,6 +50,8 @@ private:
     // it updates the entry already listed for its local offset.
     bool ReadCentralEntry(bool create);
     std::unique_ptr<TarnFileItem> MakeItem(const Header& h);
+    // TarnDosTimeToTime, with the local conversion done once an hour of date.
+    uint32_t LocalTime(uint32_t dosTime);
     void ParseExtra(TarnFileItem* item, const uint8_t* extra, uint32_t size);
     bool ReportOpening(const TarnFileItem* item);
     float Percent();
@@ -65,8 +68,9 @@ private:
     int64_t nDirectory_ = -1;  // offset of the central directory; -1 while unknown
     bool bZip64_ = false;
     bool bLocalSeen_ = false;
-    TarnPtr<ITarnMultiInStream> pMulti_;         // the joined volumes of a split archive
-    std::map<int64_t, TarnFileItem*> localMap_;  // local header offset -> entry
+    TarnPtr<ITarnMultiInStream> pMulti_;                // the joined volumes of a split archive
+    std::map<int64_t, TarnFileItem*> localMap_;         // local header offset -> entry
+    std::unordered_map<uint32_t, uint32_t> hourCache_;  // DOS date and hour -> local time
     CTarnCrypto crypto_;
     libdeflate_decompressor* pDeflate_ = nullptr;
 };

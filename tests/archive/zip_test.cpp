@@ -63,7 +63,8 @@ void Put64(std::string& s, uint64_t v) {
 struct RawEntry {
     std::string name;
     std::string data;
-    bool zip64 = false;  // sizes and offset only in the ZIP64 extra field
+    bool zip64 = false;             // sizes and offset only in the ZIP64 extra field
+    uint32_t dosTime = 0x5A210000;  // 2025-01-01 00:00
 };
 
 // A ZIP with stored entries; with `zip64End` the end record sends readers to the ZIP64 records.
@@ -89,7 +90,7 @@ std::string BuildZip(const std::vector<RawEntry>& entries, bool zip64End = false
         Put16(out, 45);
         Put16(out, 0);
         Put16(out, 0);
-        Put32(out, 0x5A210000);  // 2025-01-01 00:00
+        Put32(out, e.dosTime);
         Put32(out, crc);
         Put32(out, size);
         Put32(out, size);
@@ -102,7 +103,7 @@ std::string BuildZip(const std::vector<RawEntry>& entries, bool zip64End = false
         Put16(dir, 45);
         Put16(dir, 0);
         Put16(dir, 0);
-        Put32(dir, 0x5A210000);
+        Put32(dir, e.dosTime);
         Put32(dir, crc);
         Put32(dir, size);
         Put32(dir, size);
@@ -491,6 +492,31 @@ TEST_F(ZipTest, TruncatedDirectoryStillListsTheEntries) {
     EXPECT_EQ(zip_.GetFileList()->GetCount(), 2u);
     EXPECT_TRUE(Extract("a.txt"));
     EXPECT_FALSE(Extract("b.txt"));
+}
+
+TEST_F(ZipTest, EntryTimesAreLocalTimes) {
+    // Times around the spring and autumn changes of daylight saving time, odd minutes and
+    // seconds, and fields out of range.
+    std::vector<RawEntry> entries;
+    const uint32_t dates[] = {(45u << 9) | (3u << 5) | 30, (45u << 9) | (10u << 5) | 26,
+                              (44u << 9) | (11u << 5) | 3, (0u << 9) | (1u << 5) | 1,
+                              (44u << 9) | (2u << 5) | 31};
+    for (uint32_t date : dates)
+        for (uint32_t hour : {0u, 1u, 2u, 3u, 13u, 23u, 25u})
+            for (uint32_t minute : {0u, 1u, 30u, 59u, 63u})
+                for (uint32_t second : {0u, 29u, 31u}) {
+                    RawEntry e;
+                    e.name = "t" + std::to_string(entries.size());
+                    e.dosTime = date << 16 | hour << 11 | minute << 5 | second;
+                    entries.push_back(e);
+                }
+    ASSERT_TRUE(Open(BuildZip(entries)));
+    ASSERT_EQ(zip_.GetFileList()->GetCount(), entries.size());
+    for (uint32_t i = 0; i < entries.size(); ++i) {
+        const TarnFileItem* item = zip_.GetFileList()->Get(i);
+        EXPECT_EQ(item->fileTime, TarnDosTimeToTime(entries[i].dosTime)) << item->fileName;
+        EXPECT_EQ(item->dosTime, entries[i].dosTime);
+    }
 }
 
 TEST_F(ZipTest, NotAZip) {
