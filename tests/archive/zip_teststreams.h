@@ -120,7 +120,10 @@ public:
     }
     bool Flush() override { return true; }
     bool Close() override { return error_ == 0; }
-    bool SetSize(int64_t) override { return true; }
+    bool SetSize(int64_t size) override {
+        if (size > 0 && size < (int64_t(1) << 30)) sink_->files[path_].reserve(size_t(size));
+        return true;
+    }
     bool SetFileTime(uint32_t, const uint64_t*) override { return true; }
     bool SetAttribute(uint32_t) override { return true; }
     int64_t GetWritten() override {
