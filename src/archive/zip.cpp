@@ -16,6 +16,8 @@
 #include <cstring>
 #include <vector>
 
+#include "archive/inflate64.h"
+
 namespace {
 
 constexpr uint32_t kSigLocal = 0x04034B50;
@@ -534,6 +536,8 @@ bool CTarnUnZip::ExtractItem(uint32_t, TarnFileItem* item, ITarnOutStream* out) 
             return ExtractStored(item, out);
         case 8:
             return ExtractInflate(item, out);
+        case 9:
+            return ExtractDeflate64(item, out);
         case 12:
             return ExtractBzip2(item, out);
         case 14:
@@ -623,6 +627,23 @@ bool CTarnUnZip::ExtractInflate(TarnFileItem* item, ITarnOutStream* output) {
         if (r == Z_STREAM_END) break;
     }
     return d.Finish();
+}
+
+bool CTarnUnZip::ExtractDeflate64(TarnFileItem* item, ITarnOutStream* output) {
+    Decoder d(*this, item, output);
+    if (!d.Prepare()) return false;
+    const auto read = [&d](uint8_t* buffer, uint32_t max, uint32_t* got) {
+        return d.Read(buffer, std::min(max, kDeflateBlock), got);
+    };
+    const auto write = [&d](const uint8_t* data, size_t size) { return d.Emit(data, size); };
+    switch (CTarnInflate64::Run(read, write)) {
+        case CTarnInflate64::Result::Ok:
+            return d.Finish();
+        case CTarnInflate64::Result::Corrupt:
+            return Fail(TARN_ERR_CORRUPT, item);
+        default:  // reported where it failed
+            return false;
+    }
 }
 
 bool CTarnUnZip::ExtractBzip2(TarnFileItem* item, ITarnOutStream* output) {

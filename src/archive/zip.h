@@ -62,6 +62,7 @@ private:
     bool ExtractInflate(TarnFileItem* item, ITarnOutStream* out);
     // Small entries of known size in one call; *handled false: take the streaming path.
     bool ExtractInflateWhole(TarnFileItem* item, ITarnOutStream* out, bool* handled);
+    bool ExtractDeflate64(TarnFileItem* item, ITarnOutStream* out);
     bool ExtractBzip2(TarnFileItem* item, ITarnOutStream* out);
     bool ExtractLzma(TarnFileItem* item, ITarnOutStream* out);
 

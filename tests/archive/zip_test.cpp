@@ -392,11 +392,43 @@ TEST_F(ZipTest, DamagedCompressedData) {
     EXPECT_EQ(zip_.GetLastError(), TARN_ERR_LZMA_HEADER);
 }
 
-TEST_F(ZipTest, Deflate64IsNotSupported) {
-    Input("a.txt", Text(100));
-    Run("cd in && 7z a -tzip -mm=Deflate64 ../d64.zip a.txt");
+TEST_F(ZipTest, Deflate64Entries) {
+    // Long enough that matches reach beyond 32 KiB, and with stored stretches of noise.
+    std::string data;
+    while (data.size() < 600000) data += Text(3000) + Noise(20000, uint32_t(data.size()));
+    Input("a.txt", data);
+    Input("b.bin", Noise(100000, 12));
+    Run("cd in && 7z a -tzip -mm=Deflate64 ../d64.zip a.txt b.bin");
+    Run("cd in && 7z a -tzip -mm=Deflate64 -mem=AES256 -psecret ../d64aes.zip a.txt");
+    for (const char* archive : {"d64.zip", "d64aes.zip"}) {
+        SCOPED_TRACE(archive);
+        zip_.Close();
+        zip_.SetPassword("secret");
+        ASSERT_TRUE(OpenFile(archive));
+        EXPECT_EQ(Item("a.txt")->compressionMethod, 9);
+        std::string out;
+        EXPECT_TRUE(Extract("a.txt", &out));
+        EXPECT_TRUE(out == data);
+    }
+    zip_.Close();
     ASSERT_TRUE(OpenFile("d64.zip"));
-    EXPECT_EQ(Item("a.txt")->compressionMethod, 9);
+    std::string out;
+    EXPECT_TRUE(Extract("b.bin", &out));
+    EXPECT_TRUE(out == Noise(100000, 12));
+
+    std::string bytes = ReadFile(dir_ / "d64.zip");
+    for (size_t i = 45; i < 300; ++i) bytes[i] = char(0xFF);
+    zip_.Close();
+    ASSERT_TRUE(Open(bytes));
+    EXPECT_FALSE(Extract("a.txt"));
+    EXPECT_EQ(zip_.GetLastError(), TARN_ERR_CORRUPT);
+}
+
+TEST_F(ZipTest, UnknownMethodIsNotSupported) {
+    Input("a.txt", Text(100));
+    Run("cd in && 7z a -tzip -mm=PPMd ../ppmd.zip a.txt");
+    ASSERT_TRUE(OpenFile("ppmd.zip"));
+    EXPECT_EQ(Item("a.txt")->compressionMethod, 98);
     EXPECT_FALSE(Extract("a.txt"));
     EXPECT_EQ(zip_.GetLastError(), TARN_ERR_METHOD);
 }
