@@ -1,10 +1,10 @@
 // Test doubles of the archive library: an input stream over bytes in memory, an output stream
 // that keeps what it gets, and a tiny reader of a made-up format.
 //
-// The made-up format: "FAKE", a byte count of entries, then per entry a name length byte, the
-// name, a 32-bit little-endian size and the data. A size of 0xFFFFFFFF marks a folder entry.
-// Names beginning with "bad" make ExtractItem fail with TARN_ERR_CORRUPT; names beginning with
-// "short" write one byte less than their size.
+// The made-up format: "OL30" (so that it sniffs as the book container), a byte count of entries,
+// then per entry a name length byte, the name, a 32-bit little-endian size and the data. A size of
+// 0xFFFFFFFF marks a folder entry. Names beginning with "bad" make ExtractItem fail with
+// TARN_ERR_CORRUPT; names beginning with "short" write one byte less than their size.
 #pragma once
 
 #include <cstring>
@@ -135,7 +135,7 @@ struct FakeEntry {
 };
 
 inline std::string MakeFakeArchive(const std::vector<FakeEntry>& entries) {
-    std::string s = "FAKE";
+    std::string s = "OL30";
     s += char(entries.size());
     for (const FakeEntry& e : entries) {
         s += char(e.name.size());
@@ -158,7 +158,7 @@ public:
 protected:
     bool ReadHeader() override {
         char magic[5];
-        if (!pStream->Read(magic, 5) || std::memcmp(magic, "FAKE", 4) != 0) {
+        if (!pStream->Read(magic, 5) || std::memcmp(magic, "OL30", 4) != 0) {
             nLastError = TARN_ERR_NOT_THIS_FORMAT;
             return false;
         }
