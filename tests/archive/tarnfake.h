@@ -7,6 +7,7 @@
 // TARN_ERR_CORRUPT; names beginning with "short" write one byte less than their size.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <set>
@@ -144,6 +145,8 @@ inline std::string MakeFakeArchive(const std::vector<FakeEntry>& entries) {
         for (int i = 0; i < 4; ++i) s += char((size >> (8 * i)) & 0xFF);
         if (!e.folder) s += e.data;
     }
+    // Sniffing wants 32 bytes at least; the filler reads as a name too long for what follows.
+    s.resize(std::max<size_t>(s.size(), 64), '\xFF');
     return s;
 }
 
@@ -185,6 +188,7 @@ protected:
                 item->uncompressedSize = item->compressedSize = n;
                 pStream->Seek(n, 1);
             }
+            if (item->fileName.starts_with("solid")) bSolid = true;
             if (!AddItem(std::move(item))) return false;
         }
         return true;
@@ -203,8 +207,27 @@ protected:
         if (!WriteOut(out, data.data(), uint32_t(data.size()))) return false;
         return ReportProgress(item->compressedSize, int64_t(data.size()));
     }
-    bool ExtractSolid(const uint32_t* indices, uint32_t count, const std::string*) override {
+    // Decodes every entry up to the last one asked for, as a solid reader must.
+    bool ExtractSolid(const uint32_t* indices, uint32_t count, const std::string* folder) override {
         solidIndices.assign(indices, indices + count);
+        uint32_t last = 0;
+        for (uint32_t i = 0; i < count; ++i) last = std::max(last, indices[i] + 1);
+        for (uint32_t i = 0; i < last; ++i) {
+            TarnFileItem* item = fileList.Get(i);
+            if (!item || item->IsFolder()) continue;
+            const std::string name = TarnSafeRelativePath(item->fileNameW);
+            uint32_t error = 0;
+            ITarnOutStream* out =
+                pfnFactory(folder ? *folder + name : name, pFactoryContext, false, &error);
+            if (!out) {
+                nLastError = TARN_ERR_CREATE;
+                return false;
+            }
+            const bool ok = ExtractItem(i, item, out);
+            out->Close();
+            out->Release();
+            if (!ok) return false;
+        }
         return true;
     }
 };
