@@ -179,6 +179,10 @@ std::string TarnDecodeName(std::string_view raw, uint32_t codePage);
 // is the decoded name or "?". Sets both names of `item`.
 bool TarnApplyNameRule(std::string_view raw, uint32_t codePage, TarnFileItem* item);
 
+// An entry name (either separator) as a relative path with "/" that stays inside the folder it
+// is put under: drive letters, empty parts, "." and ".." are dropped. Empty when nothing is left.
+std::string TarnSafeRelativePath(std::string_view name);
+
 // A DOS date and time (date in the high word) as seconds since 1970, read as local time; 0 when
 // the fields make no date.
 uint32_t TarnDosTimeToTime(uint32_t dosDateTime);
@@ -268,4 +272,5 @@ protected:
     TarnProgress progress;
     uint32_t bStopCurrent = 0;
     uint32_t bStopAll = 0;
+    int64_t nDoneBefore = 0;  // decoded bytes of the entries finished in this extract call
 };
