@@ -222,6 +222,7 @@ TEST(ComposeScale, KernelChoiceAndSuperSamplingThreshold) {
         {1, 0, true, 75, 70, 100, 100, kResizeLinear},
         {1, 0, true, 141, 141, 200, 200, kResizeSuper},   // 70.5 per cent: 70 by integer division
         {1, 0, true, 142, 100, 200, 200, kResizeLinear},  // 71 per cent isn't under 71
+        {1, 0, true, 100, 142, 200, 200, kResizeLinear},  // nor in height
         {1, 2, false, 10, 10, 100, 100, kResizeLanczos},  // super-sampling switched off
     };
     for (const Case& c : cases)
