@@ -126,8 +126,9 @@ TEST(ManaRules, StoredFilesTakeFreeNamesAndArchiveNamesBecomeFlat) {
 
 // The engine over real page files.
 
-bool WaitFor(const std::function<bool()>& done, int limitMs = 30000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+// Polls `done` for at most half a minute: a guard against hanging, no measure of speed.
+bool WaitFor(const std::function<bool()>& done) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!done()) {
         if (std::chrono::steady_clock::now() > end) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -175,10 +176,8 @@ protected:
         // The engine removes OrlimoTemp of the temporary folder when it goes: keep that inside
         // the folder the scratch folders live in.
         setenv("TMPDIR", std::filesystem::path(dir.Path()).parent_path().c_str(), 1);
-        settings.nStretchMode = SHOW_STRETCH;
-        settings.nFilterMode = 1;
-        settings.nCanvasWidth = 400;
-        settings.nCanvasHeight = 300;
+        settings.nStretchMode = SHOW_STRETCH, settings.nFilterMode = 1;
+        settings.nCanvasWidth = 400, settings.nCanvasHeight = 300;
     }
 
     // Lists the scratch folder and starts the engine over it, previews off unless asked.
@@ -188,19 +187,18 @@ protected:
         ASSERT_TRUE(engine.Start(&list));
         engine.ApplySettings(settings);
     }
+    // `f` under the page list's lock.
+    template <typename F>
+    auto Locked(F f) {
+        std::lock_guard hold(list.cs);
+        return f();
+    }
     void Turn(int32_t delta) {
-        {
-            std::lock_guard hold(list.cs);
-            list.Step(delta);
-        }
+        Locked([&] { list.Step(delta); });
         ASSERT_TRUE(engine.ShowPage(false, false));
     }
     bool Cached(int32_t index) {
-        std::string path;
-        {
-            std::lock_guard hold(list.cs);
-            path = list.GetEntry(index)->szPath;
-        }
+        const std::string path = Locked([&] { return list.GetEntry(index)->szPath; });
         CImageMan& cache = engine.GetMainCache();
         return cache.HasBucket(path, cache.MakeKey(path, ""));
     }
@@ -289,11 +287,7 @@ TEST_F(ManaProcTest, EncryptedPagesWithoutPasswordStopDecodingAhead) {
         entry->bEncrypted = 1;
         entries.push_back(std::move(entry));
     }
-    {
-        std::lock_guard hold(list.cs);
-        list.Append(std::move(entries));
-        list.SetCurrent(0);
-    }
+    Locked([&] { list.Append(std::move(entries)), list.SetCurrent(0); });
     engine.bUsePreviewMode = 0;
     ASSERT_TRUE(engine.Start(&list));
     engine.ApplySettings(settings);
