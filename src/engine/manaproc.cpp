@@ -292,12 +292,7 @@ XResult CManaProc::Serve(const XCommand& cmd) {
             auto* request = reinterpret_cast<PictureRequest*>(cmd.nParam1);
             if (!request || !request->pTarget) return kXFail;
             PageEntry entry;
-            {
-                std::lock_guard hold(pList->cs);
-                const PageEntry* e = pList->GetEntry(request->nIndex);
-                if (!e) return kXFail;
-                entry = *e;
-            }
+            if (!CopyEntry(request->nIndex, &entry)) return kXFail;
             return GetPreview(entry, request->pTarget, request->nWidth, request->nHeight,
                               request->bWait != 0)
                        ? kXOk
@@ -325,14 +320,19 @@ void CManaProc::HandleQueuedMessage() {
     if (msg.nMessage != kMsgCacheImage) return;
     XTrace("CacheImage:%d", msg.nIndex);
     PageEntry entry;
-    {
-        std::lock_guard hold(pList->cs);
-        const PageEntry* e = pList->GetEntry(msg.nIndex);
-        if (!e) return;
-        entry = *e;
-    }
+    if (!CopyEntry(msg.nIndex, &entry)) return;
     GetPreview(entry, nullptr, kPreviewSize, kPreviewSize, true);
     if (pHost) pHost->PostToWindow(msg.nTarget, kMsgImageCached, msg.nIndex);
+}
+
+bool CManaProc::CopyEntry(int32_t index, PageEntry* entry, int32_t* indexOut) {
+    std::lock_guard hold(pList->cs);
+    if (index == kCurrentPage) index = pList->GetCurrent();
+    const PageEntry* e = pList->GetEntry(index);
+    if (!e) return false;
+    *entry = *e;
+    if (indexOut) *indexOut = index;
+    return true;
 }
 
 void CManaProc::SetCacheOptions(CImageMan& cache, bool bFull) {
@@ -676,14 +676,8 @@ void CManaProc::PrepareNext() {
 
 XResult CManaProc::OnStoreFile(const std::string& folder, bool bMove) {
     PageEntry entry;
-    int32_t current;
-    {
-        std::lock_guard hold(pList->cs);
-        current = pList->GetCurrent();
-        const PageEntry* e = pList->GetEntry(current);
-        if (!e) return kXFail;
-        entry = *e;
-    }
+    int32_t current = -1;
+    if (!CopyEntry(kCurrentPage, &entry, &current)) return kXFail;
     if (IsArchivePath(entry.szPath)) {
         if (!ExtractCurrentEntry(current, entry)) return kXFail;
         const std::string name = FlatStoreName(entry.szPath);
@@ -723,14 +717,8 @@ bool CManaProc::ExtractCurrentEntry(int32_t index, const PageEntry& entry) {
 
 XResult CManaProc::OnOpenExternal(const std::string& program) {
     PageEntry entry;
-    int32_t current;
-    {
-        std::lock_guard hold(pList->cs);
-        current = pList->GetCurrent();
-        const PageEntry* e = pList->GetEntry(current);
-        if (!e) return kXFail;
-        entry = *e;
-    }
+    int32_t current = -1;
+    if (!CopyEntry(kCurrentPage, &entry, &current)) return kXFail;
     std::string target = entry.szPath;
     if (IsArchivePath(entry.szPath)) {
         if (!ExtractCurrentEntry(current, entry)) return kXFail;
@@ -743,14 +731,8 @@ XResult CManaProc::OnOpenExternal(const std::string& program) {
 XResult CManaProc::OnSaveScreenPicture(const ScreenPictureRequest& request) {
     if (request.nScreenWidth == 0 || request.nScreenHeight == 0) return kXFail;
     PageEntry entry;
-    int32_t current;
-    {
-        std::lock_guard hold(pList->cs);
-        current = pList->GetCurrent();
-        const PageEntry* e = pList->GetEntry(current);
-        if (!e) return kXFail;
-        entry = *e;
-    }
+    int32_t current = -1;
+    if (!CopyEntry(kCurrentPage, &entry, &current)) return kXFail;
     bool isPreview = false;
     const XAnimDib* picture = GetPage(nullptr, current, entry, false, &isPreview, true);
     if (!picture) return kXFail;

@@ -218,6 +218,10 @@ private:
     bool GetPreview(const PageEntry& entry, XDib* target, uint32_t width, uint32_t height,
                     bool bWait);
     void SetCacheOptions(CImageMan& cache, bool bFull);
+    // Copies the entry at `index` (kCurrentPage: the current one) under the list's lock, and
+    // tells which index that was. False when there is no such entry.
+    static constexpr int32_t kCurrentPage = INT32_MIN;
+    bool CopyEntry(int32_t index, PageEntry* entry, int32_t* indexOut = nullptr);
 
     CPageList* pList = nullptr;
     IManaHost* pHost = nullptr;
