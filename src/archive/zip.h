@@ -13,6 +13,9 @@
 
 struct libdeflate_decompressor;
 
+// Puts CTarnUnZip behind TarnFormatZip in the manager's registry.
+void RegisterTarnZip();
+
 class CTarnUnZip : public CTarnExtractorImpl {
 public:
     CTarnUnZip();

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "archive/tarnman.h"
 #include "archive/zip.h"
 #include "base/crc32.h"
 #include "zip_teststreams.h"
@@ -613,6 +614,48 @@ TEST_F(ZipTest, FullDiskIsReported) {
     sink_.writeLimit = 1000;
     EXPECT_FALSE(Extract("a.txt"));
     EXPECT_EQ(zip_.GetLastError(), TARN_ERR_DISK_FULL);
+}
+
+// The whole stack on files: the manager sniffs, makes the file or split stream, and picks this
+// reader.
+TEST_F(ZipTest, ThroughTheManagerOnFiles) {
+    const std::string noise = Noise(200000, 13), text = Text(5000);
+    Input("r.bin", noise);
+    Input("t.txt", text);
+    Run("cd in && zip -q -s 64k ../sp.zip r.bin t.txt && zip -q ../whole.zip r.bin t.txt");
+    WriteFile(dir_ / "stub.exe", "MZ" + Noise(3000, 14) + ReadFile(dir_ / "whole.zip"));
+    std::string cut = ReadFile(dir_ / "whole.zip");
+    cut.resize(cut.find("PK\x01\x02") + 10);
+    WriteFile(dir_ / "cut.zip", cut);
+
+    struct Memory : ITarnSimpleOutStream {
+        std::string data;
+        bool Open(const char*) override { return true; }
+        bool SetSize(int64_t) override { return true; }
+        bool Write(const void* b, uint32_t n) override {
+            data.append(static_cast<const char*>(b), n);
+            return true;
+        }
+        bool Close() override { return true; }
+        bool CreateFolder(const char*) override { return true; }
+    };
+    for (const char* name : {"sp.zip", "stub.exe", "cut.zip"}) {
+        SCOPED_TRACE(name);
+        CTarnMan man;
+        ASSERT_TRUE(man.Open((dir_ / name).string(), nullptr)) << man.GetLastError();
+        EXPECT_EQ(man.GetFileFormat(), TarnFormatZip);
+        EXPECT_EQ(man.IsBrokenArchive(), name == std::string("cut.zip"));
+        const int32_t r = man.FindIndex("r.bin", "r.bin", true);
+        const int32_t t = man.FindIndex("t.txt", "t.txt", true);
+        ASSERT_GE(r, 0);
+        ASSERT_GE(t, 0);
+        Memory out;
+        EXPECT_TRUE(man.ExtractOneTo(uint32_t(r), &out)) << man.GetLastError();
+        EXPECT_TRUE(out.data == noise);
+        out.data.clear();
+        EXPECT_TRUE(man.ExtractOneTo(uint32_t(t), &out)) << man.GetLastError();
+        EXPECT_EQ(out.data, text);
+    }
 }
 
 }  // namespace
