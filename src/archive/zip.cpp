@@ -144,7 +144,7 @@ private:
 };
 
 void RegisterTarnZip() {
-    RegisterTarnReader(TarnFormatZip, [] -> std::unique_ptr<ITarnExtractor> {
+    RegisterTarnReader(TarnFormatZip, []() -> std::unique_ptr<ITarnExtractor> {
         return std::make_unique<CTarnUnZip>();
     });
 }
