@@ -91,6 +91,9 @@ inline constexpr size_t kTarnMaxPath = 520;
 // A password is kept up to this many bytes.
 inline constexpr size_t kTarnMaxPassword = 512;
 
+// The metadata of the book container, defined by its reader.
+struct TarnBondMeta;
+
 // Per-format facts an entry carries; deleted through the virtual destructor.
 struct TarnExtraData {
     virtual ~TarnExtraData() = default;
@@ -214,6 +217,8 @@ public:
     virtual const TarnFileList* GetFileList() const = 0;
     virtual bool IsSolid() const = 0;
     virtual bool IsEncrypted() const = 0;
+    // The book container's metadata; null for every other format.
+    virtual const TarnBondMeta* GetBondMeta() const { return nullptr; }
 
 protected:
     // Per format.

@@ -1,12 +1,13 @@
 // Test doubles of the archive library: an input stream over bytes in memory, an output stream
 // that keeps what it gets, and a tiny reader of a made-up format.
 //
-// The made-up format: "FAKE", a byte count of entries, then per entry a name length byte, the
-// name, a 32-bit little-endian size and the data. A size of 0xFFFFFFFF marks a folder entry.
-// Names beginning with "bad" make ExtractItem fail with TARN_ERR_CORRUPT; names beginning with
-// "short" write one byte less than their size.
+// The made-up format: "OL30" (so that it sniffs as the book container), a byte count of entries,
+// then per entry a name length byte, the name, a 32-bit little-endian size and the data. A size of
+// 0xFFFFFFFF marks a folder entry. Names beginning with "bad" make ExtractItem fail with
+// TARN_ERR_CORRUPT; names beginning with "short" write one byte less than their size.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <set>
@@ -135,7 +136,7 @@ struct FakeEntry {
 };
 
 inline std::string MakeFakeArchive(const std::vector<FakeEntry>& entries) {
-    std::string s = "FAKE";
+    std::string s = "OL30";
     s += char(entries.size());
     for (const FakeEntry& e : entries) {
         s += char(e.name.size());
@@ -144,6 +145,8 @@ inline std::string MakeFakeArchive(const std::vector<FakeEntry>& entries) {
         for (int i = 0; i < 4; ++i) s += char((size >> (8 * i)) & 0xFF);
         if (!e.folder) s += e.data;
     }
+    // Sniffing wants 32 bytes at least; the filler reads as a name too long for what follows.
+    s.resize(std::max<size_t>(s.size(), 64), '\xFF');
     return s;
 }
 
@@ -158,7 +161,7 @@ public:
 protected:
     bool ReadHeader() override {
         char magic[5];
-        if (!pStream->Read(magic, 5) || std::memcmp(magic, "FAKE", 4) != 0) {
+        if (!pStream->Read(magic, 5) || std::memcmp(magic, "OL30", 4) != 0) {
             nLastError = TARN_ERR_NOT_THIS_FORMAT;
             return false;
         }
@@ -185,6 +188,7 @@ protected:
                 item->uncompressedSize = item->compressedSize = n;
                 pStream->Seek(n, 1);
             }
+            if (item->fileName.starts_with("solid")) bSolid = true;
             if (!AddItem(std::move(item))) return false;
         }
         return true;
@@ -203,8 +207,27 @@ protected:
         if (!WriteOut(out, data.data(), uint32_t(data.size()))) return false;
         return ReportProgress(item->compressedSize, int64_t(data.size()));
     }
-    bool ExtractSolid(const uint32_t* indices, uint32_t count, const std::string*) override {
+    // Decodes every entry up to the last one asked for, as a solid reader must.
+    bool ExtractSolid(const uint32_t* indices, uint32_t count, const std::string* folder) override {
         solidIndices.assign(indices, indices + count);
+        uint32_t last = 0;
+        for (uint32_t i = 0; i < count; ++i) last = std::max(last, indices[i] + 1);
+        for (uint32_t i = 0; i < last; ++i) {
+            TarnFileItem* item = fileList.Get(i);
+            if (!item || item->IsFolder()) continue;
+            const std::string name = TarnSafeRelativePath(item->fileNameW);
+            uint32_t error = 0;
+            ITarnOutStream* out =
+                pfnFactory(folder ? *folder + name : name, pFactoryContext, false, &error);
+            if (!out) {
+                nLastError = TARN_ERR_CREATE;
+                return false;
+            }
+            const bool ok = ExtractItem(i, item, out);
+            out->Close();
+            out->Release();
+            if (!ok) return false;
+        }
         return true;
     }
 };

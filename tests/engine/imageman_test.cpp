@@ -1,16 +1,15 @@
 #include "engine/imageman.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <cstring>
+#include <future>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "image/image_test_util.h"
 #include "imgwrite/imgwrite.h"
 #include "library_writers.h"
 #include "platform/files.h"
@@ -18,27 +17,13 @@
 
 namespace {
 
+using imgtest::PixelOf;
 using imgwrite::Bytes;
 using imgwrite::Picture;
 using imgwrite::Rgba;
 
-struct Bgra {
-    uint8_t b, g, r, a;
-    friend bool operator==(const Bgra&, const Bgra&) = default;
-};
-std::ostream& operator<<(std::ostream& os, const Bgra& p) {
-    return os << "bgra(" << int(p.b) << "," << int(p.g) << "," << int(p.r) << "," << int(p.a)
-              << ")";
-}
-
-Bgra Px(const XDib& dib, uint32_t x, uint32_t y) {
-    const uint8_t* p = dib.GetPixelPtr(x, y);
-    if (!p) return {0, 0, 0, 0};
-    return {p[0], p[1], p[2], dib.nBpp == 32 ? p[3] : uint8_t(255)};
-}
-
-constexpr Bgra kWhite{255, 255, 255, 255};
-constexpr Bgra kGrey{0xC8, 0xC8, 0xC8, 255};
+constexpr Rgba kWhite{255, 255, 255, 255}, kGrey{0xC8, 0xC8, 0xC8, 255}, kRed{255, 0, 0, 255},
+    kBlue{0, 0, 255, 255};
 
 // A started cache with room for everything the tests store.
 struct Cache : CImageMan {
@@ -55,23 +40,21 @@ struct Cache : CImageMan {
     }
 };
 
-Bytes SmallBmp(uint8_t shade = 90) {
-    return imgwrite::WriteBmp(Picture(3, 2, Rgba{shade, 20, 200, 255}));
+Bytes SmallBmp(uint8_t red = 90) {
+    return imgwrite::WriteBmp(Picture(3, 2, Rgba{red, 20, 200, 255}));
 }
 
-// One GIF frame, 2 x 2, palette {red, green, blue, black}; `transparent` marks index 3.
-imgwrite::GifFrame GifFrame2x2(std::vector<uint8_t> indices, int32_t transparent) {
-    imgwrite::GifFrame f{
-        .left = 0, .top = 0, .width = 2, .height = 2, .indices = std::move(indices)};
-    f.hasControl = true;
-    f.control.transparentIndex = transparent;
-    f.control.delay = 10;
-    return f;
-}
-Bytes Gif(const std::vector<imgwrite::GifFrame>& frames) {
+// 2 x 2 GIF frames over the palette {red, green, blue, (10, 20, 30)}; index 3 is transparent.
+Bytes Gif(const std::vector<std::vector<uint8_t>>& frames) {
     imgwrite::GifOptions o{.width = 2, .height = 2};
-    o.globalPalette = {{255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}, {10, 20, 30, 255}};
-    return imgwrite::WriteGif(o, frames);
+    o.globalPalette = {kRed, {0, 255, 0, 255}, kBlue, {10, 20, 30, 255}};
+    std::vector<imgwrite::GifFrame> f;
+    for (const auto& indices : frames) {
+        f.push_back({.width = 2, .height = 2, .indices = indices});
+        f.back().hasControl = true, f.back().control.transparentIndex = 3;
+        f.back().control.delay = 10;
+    }
+    return imgwrite::WriteGif(o, f);
 }
 
 }  // namespace
@@ -80,22 +63,16 @@ TEST(ImageCacheKey, HoldsPasswordSourceFactsAndEveryOptionThatChangesPixels) {
     ImageOptions o;  // bExifRotation 1, nAlphaTransOption 2, the rest 0
     EXPECT_EQ(CImageMan::FormatKey("", 1234, (uint64_t(7) << 32) | 4000000000u, o),
               ",1234,74000000000,1,0,0,0,0,2");
-    o = {.bExifRotation = 0,
-         .bNegative = 1,
-         .bGamma = 1,
-         .bFull = 1,
-         .nGifTransOption = 3,
-         .nAlphaTransOption = 1,
-         .nRotate = 2};
+    o.bExifRotation = 0, o.bNegative = 1, o.bGamma = 1, o.bFull = 1, o.nGifTransOption = 3;
+    o.nAlphaTransOption = 1, o.nRotate = 2;
     // bFull is no part of the key: a reduced and a full picture share it.
     EXPECT_EQ(CImageMan::FormatKey("pass,word", 0, 0, o), "pass,word,0,00,0,2,1,1,3,1");
 
     ScratchFolder dir;
     const std::string file = dir.MakeFile("page.jpg", 777);
-    struct stat st;
-    ASSERT_EQ(stat(file.c_str(), &st), 0);
-    const uint64_t ft = (uint64_t(st.st_mtim.tv_sec) + 11644473600u) * 10000000u +
-                        uint64_t(st.st_mtim.tv_nsec) / 100;
+    platform::FileFacts facts;
+    ASSERT_TRUE(platform::GetFileFacts(file, &facts));
+    const uint64_t ft = facts.ftLastWrite;
     CImageMan cache;
     EXPECT_EQ(cache.MakeKey(file, ""), ",777," + std::to_string(uint32_t(ft >> 32)) +
                                            std::to_string(uint32_t(ft)) + ",1,0,0,0,0,2");
@@ -106,16 +83,12 @@ TEST(ImageCacheKey, HoldsPasswordSourceFactsAndEveryOptionThatChangesPixels) {
 }
 
 TEST(ImageCacheBudget, FollowsFreeMemoryWithinEachInstancesLimits) {
-    EXPECT_EQ(CImageMan::BudgetFor(0, 0), 50);
-    EXPECT_EQ(CImageMan::BudgetFor(0, 250), 50);
-    EXPECT_EQ(CImageMan::BudgetFor(0, 251), 51);
-    EXPECT_EQ(CImageMan::BudgetFor(0, 500), 300);
-    EXPECT_EQ(CImageMan::BudgetFor(0, int64_t(1) << 40), 300);
-    EXPECT_EQ(CImageMan::BudgetFor(1, 100), 30);
-    EXPECT_EQ(CImageMan::BudgetFor(1, 231), 31);
-    EXPECT_EQ(CImageMan::BudgetFor(1, 300), 100);
-    EXPECT_EQ(CImageMan::BudgetFor(1, 301), 100);
-    // Whole megabytes by integer division: 50 MB and a byte short of 51 are within 50.
+    const std::pair<std::pair<int32_t, int64_t>, int32_t> budgets[] = {
+        {{0, 0}, 50},   {{0, 250}, 50}, {{0, 251}, 51},  {{0, 500}, 300}, {{0, 1ll << 40}, 300},
+        {{1, 100}, 30}, {{1, 231}, 31}, {{1, 300}, 100}, {{1, 301}, 100}};
+    for (const auto& [in, mb] : budgets)
+        EXPECT_EQ(CImageMan::BudgetFor(in.first, in.second), mb) << in.first << " " << in.second;
+    // Whole megabytes by integer division: a byte short of 51 MB is within 50.
     EXPECT_FALSE(CImageMan::ExceedsBudget(int64_t(51) * 1048576 - 1, 50));
     EXPECT_TRUE(CImageMan::ExceedsBudget(int64_t(51) * 1048576, 50));
     EXPECT_FALSE(CImageMan::ExceedsBudget(-int64_t(60) * 1048576, 50));
@@ -231,50 +204,48 @@ TEST(ImageCacheLookup, AReducedPictureServesScreenRequestsButNotFullOnes) {
 }
 
 TEST(ImageCacheNormalise, StillPicturesWithAlphaAreFlattenedAndAnimationsKeepTheirs) {
-    // PNG: transparent all over but for one opaque pixel and one half-covered pixel.
+    // A transparent PNG but for one opaque and one half-covered pixel: flattened on the tile.
     Picture alpha(40, 40, Rgba{0, 0, 0, 0});
-    alpha.At(20, 5) = {255, 0, 0, 255};
+    alpha.At(20, 5) = kRed;
     alpha.At(2, 2) = {0, 0, 0, 128};
     Cache cache;
     XAnimDib* png = cache.Decode("alpha.png", samplewrite::WritePng(alpha));
     ASSERT_NE(png, nullptr);
     const XDib& flat = *png->GetFrame(0);
     EXPECT_EQ(flat.nBpp, 32u);
-    EXPECT_EQ(Px(flat, 0, 0), kGrey);
-    EXPECT_EQ(Px(flat, 17, 0), kWhite);
-    EXPECT_EQ(Px(flat, 0, 17), kWhite);
-    EXPECT_EQ(Px(flat, 20, 20), kGrey);
-    EXPECT_EQ(Px(flat, 33, 1), kGrey);  // the tile repeats across
-    EXPECT_EQ(Px(flat, 1, 33), kGrey);  // and down
-    EXPECT_EQ(Px(flat, 20, 5), (Bgra{0, 0, 255, 255}));
-    EXPECT_NEAR(Px(flat, 2, 2).r, 0xC8 / 2, 2);
+    // Tile corners, its repeats across and down, and the opaque pixel.
+    const std::pair<std::pair<uint32_t, uint32_t>, Rgba> tile[] = {
+        {{0, 0}, kGrey},  {{17, 0}, kWhite}, {{0, 17}, kWhite}, {{20, 20}, kGrey},
+        {{33, 1}, kGrey}, {{1, 33}, kGrey},  {{20, 5}, kRed}};
+    for (const auto& [at, colour] : tile)
+        EXPECT_EQ(PixelOf(flat, at.first, at.second), colour) << at.first << "," << at.second;
+    EXPECT_NEAR(PixelOf(flat, 2, 2).r, 0xC8 / 2, 2);
     for (uint32_t y = 0; y < 40; ++y)
-        for (uint32_t x = 0; x < 40; ++x) ASSERT_EQ(Px(flat, x, y).a, 255) << x << "," << y;
+        for (uint32_t x = 0; x < 40; ++x)
+            ASSERT_EQ(flat.GetPixelPtr(x, y)[3], 255) << x << "," << y;
 
     // A one-frame GIF by its own option: its transparent entry's colour, white, or the tile.
-    const Bytes still = Gif({GifFrame2x2({3, 0, 1, 3}, 3)});
-    const Bgra expected[3] = {{30, 20, 10, 255}, kWhite, kGrey};
+    const Rgba expected[3] = {{10, 20, 30, 255}, kWhite, kGrey};
     for (uint32_t option = 0; option < 3; ++option) {
         cache.SetOptions({.nGifTransOption = option});
-        XAnimDib* gif = cache.Decode("still.gif", still);
+        XAnimDib* gif = cache.Decode("still.gif", Gif({{3, 0, 1, 3}}));
         ASSERT_NE(gif, nullptr);
-        EXPECT_EQ(Px(*gif->GetFrame(0), 0, 0), expected[option]) << option;
-        EXPECT_EQ(Px(*gif->GetFrame(0), 1, 0), (Bgra{0, 0, 255, 255})) << option;
+        EXPECT_EQ(PixelOf(*gif->GetFrame(0), 0, 0), expected[option]) << option;
+        EXPECT_EQ(PixelOf(*gif->GetFrame(0), 1, 0), kRed) << option;
     }
 
     // Two frames stay as the decoder made them, transparency and all.
     cache.SetOptions({});
-    XAnimDib* anim =
-        cache.Decode("anim.gif", Gif({GifFrame2x2({3, 0, 1, 3}, 3), GifFrame2x2({3, 1, 3, 2}, 3)}));
+    XAnimDib* anim = cache.Decode("anim.gif", Gif({{3, 0, 1, 3}, {3, 1, 3, 2}}));
     ASSERT_NE(anim, nullptr);
     ASSERT_EQ(anim->GetFrameCount(), 2u);
-    EXPECT_EQ(Px(*anim->GetFrame(0), 0, 0).a, 0);
+    EXPECT_EQ(PixelOf(*anim->GetFrame(0), 0, 0).a, 0);
     EXPECT_EQ(anim->GetFrame(1)->nBpp, 32u);
 
     // Other depths are only widened.
     XAnimDib* bmp = cache.Decode("plain.bmp", SmallBmp(90));
     ASSERT_NE(bmp, nullptr);
-    EXPECT_EQ(Px(*bmp->GetFrame(0), 0, 0), (Bgra{200, 20, 90, 255}));
+    EXPECT_EQ(PixelOf(*bmp->GetFrame(0), 0, 0), (Rgba{90, 20, 200, 255}));
 }
 
 TEST(ImageCacheTurns, ExifSixAndEightTurnTheFirstFrameOthersDoNot) {
@@ -283,8 +254,7 @@ TEST(ImageCacheTurns, ExifSixAndEightTurnTheFirstFrameOthersDoNot) {
     for (uint32_t y = 0; y < 32; ++y)
         for (uint32_t x = 32; x < 64; ++x) photo.At(x, y) = {0, 0, 255, 255};
     const auto redAt = [](const XDib& d, uint32_t x, uint32_t y) {
-        const Bgra p = Px(d, x, y);
-        return p.r > 200 && p.b < 60;
+        return PixelOf(d, x, y).r > 200 && PixelOf(d, x, y).b < 60;
     };
     Cache cache;
     for (const int orientation : {6, 8, 3}) {
@@ -317,7 +287,7 @@ TEST(ImageCacheTurns, ExifSixAndEightTurnTheFirstFrameOthersDoNot) {
 TEST(ImageCacheTurns, ViewRotationTurnsEveryFrameFiltersOnlyTheFirst) {
     // Frames 4 x 2 so that a quarter turn shows; the right half of each is blue.
     imgwrite::GifOptions o{.width = 4, .height = 2};
-    o.globalPalette = {{255, 0, 0, 255}, {0, 0, 255, 255}};
+    o.globalPalette = {kRed, kBlue};
     std::vector<imgwrite::GifFrame> frames(
         2, imgwrite::GifFrame{.width = 4, .height = 2, .indices = {0, 0, 1, 1, 0, 0, 1, 1}});
     for (auto& f : frames) f.hasControl = true, f.control.delay = 5;
@@ -331,48 +301,35 @@ TEST(ImageCacheTurns, ViewRotationTurnsEveryFrameFiltersOnlyTheFirst) {
         const XDib& d = *turned->GetFrame(i);
         ASSERT_EQ(d.nWidth, 2u);
         ASSERT_EQ(d.nHeight, 4u);
-        EXPECT_EQ(Px(d, 0, 0), (Bgra{255, 0, 0, 255})) << i;
-        EXPECT_EQ(Px(d, 0, 3), (Bgra{0, 0, 255, 255})) << i;
+        EXPECT_EQ(PixelOf(d, 0, 0), kBlue) << i;
+        EXPECT_EQ(PixelOf(d, 0, 3), kRed) << i;
     }
 
     cache.SetOptions({.bNegative = 1});
     XAnimDib* negative = cache.Decode("turn.gif", gif);
     ASSERT_NE(negative, nullptr);
-    EXPECT_EQ(Px(*negative->GetFrame(0), 0, 0), (Bgra{255, 255, 0, 255}));
-    EXPECT_EQ(Px(*negative->GetFrame(1), 0, 0), (Bgra{0, 0, 255, 255}));
+    EXPECT_EQ(PixelOf(*negative->GetFrame(0), 0, 0), (Rgba{0, 255, 255, 255}));
+    EXPECT_EQ(PixelOf(*negative->GetFrame(1), 0, 0), kRed);
 
     // Gamma changes mid-tones; a grey frame 0 changes, frame 1 does not.
-    o.globalPalette = {{128, 128, 128, 255}, {0, 0, 255, 255}};
+    o.globalPalette = {{128, 128, 128, 255}, kBlue};
     const Bytes grey = imgwrite::WriteGif(o, frames);
     cache.SetOptions({.bGamma = 1});
     XAnimDib* gamma = cache.Decode("grey.gif", grey);
     ASSERT_NE(gamma, nullptr);
-    EXPECT_NE(Px(*gamma->GetFrame(0), 0, 0).r, 128);
-    EXPECT_EQ(Px(*gamma->GetFrame(1), 0, 0).r, 128);
+    EXPECT_NE(PixelOf(*gamma->GetFrame(0), 0, 0).r, 128);
+    EXPECT_EQ(PixelOf(*gamma->GetFrame(1), 0, 0).r, 128);
 }
 
 namespace {
 
-// A source whose first read waits until the test opens the gate: a decode that takes as long as
-// the test wants.
+// A source whose reads wait until the test opens the gate: a decode as long as the test wants.
 class GatedSource final : public IXDibIO {
 public:
-    explicit GatedSource(Bytes bytes)
-        : data(std::move(bytes)), inner(data.data(), int64_t(data.size())) {}
-    void Open() {
-        std::lock_guard lock(mutex);
-        open = true;
-        cv.notify_all();
-    }
-    bool WaitEntered() {
-        std::unique_lock lock(mutex);
-        return cv.wait_for(lock, std::chrono::seconds(10), [&] { return entered; });
-    }
+    explicit GatedSource(Bytes bytes) : data(std::move(bytes)), inner(data.data(), data.size()) {}
+    std::promise<void> entered, open;
     bool Read(void* buffer, uint32_t count) override {
-        std::unique_lock lock(mutex);
-        entered = true;
-        cv.notify_all();
-        cv.wait(lock, [&] { return open; });
+        std::call_once(first, [&] { entered.set_value(), open.get_future().wait(); });
         return inner.Read(buffer, count);
     }
     bool Write(const void*, uint32_t) override { return false; }
@@ -383,9 +340,7 @@ public:
 private:
     Bytes data;
     CXDibMemIO inner;
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool entered = false, open = false;
+    std::once_flag first;
 };
 
 }  // namespace
@@ -397,7 +352,8 @@ TEST(ImageCacheThread, ABusyCacheTurnsRequestsDownAndTheRunningJobStoresLater) {
     bool timedOut = false;
     EXPECT_EQ(cache.PostDecode("slow", "k", XDibIOPtr(gated), 20, &timedOut), nullptr);
     EXPECT_TRUE(timedOut);  // the wait ran out, the job runs on
-    ASSERT_TRUE(gated->WaitEntered());
+    auto entered = gated->entered.get_future();
+    ASSERT_EQ(entered.wait_for(std::chrono::seconds(10)), std::future_status::ready);
 
     // Busy: turned down at once, nothing delivered.
     timedOut = false;
@@ -406,12 +362,12 @@ TEST(ImageCacheThread, ABusyCacheTurnsRequestsDownAndTheRunningJobStoresLater) {
     EXPECT_EQ(cache.DecodeMemory("other", "k", "x", 1, -1, &timedOut, false), nullptr);
     EXPECT_TRUE(timedOut);
 
-    gated->Open();
+    gated->open.set_value();
     gated->Release();  // the cache's reference alone keeps the source now
     ASSERT_TRUE(cache.WaitIdle(10000));
     XAnimDib* stored = cache.FindBucket("slow", "k");
     ASSERT_NE(stored, nullptr);
-    EXPECT_EQ(Px(*stored->GetFrame(0), 0, 0), (Bgra{200, 20, 70, 255}));
+    EXPECT_EQ(PixelOf(*stored->GetFrame(0), 0, 0), (Rgba{70, 20, 200, 255}));
     EXPECT_EQ(cache.GetBucketPath(1), "");  // "other" never reached the thread
 }
 
@@ -425,14 +381,13 @@ TEST(ImageCacheThread, AnUndecodableSourceStoresTheErrorPictureOnce) {
     EXPECT_EQ(d.nWidth, 640u);
     EXPECT_EQ(d.nHeight, 480u);
     EXPECT_EQ(d.nBpp, 32u);
-    const Bgra black{0, 0, 0, 255};
     for (const auto& [x, y] : {std::pair{0u, 0u}, {639u, 479u}, {639u, 0u}, {0u, 479u}})
-        EXPECT_EQ(Px(d, x, y), black) << x << "," << y;
-    EXPECT_EQ(Px(d, 320, 5), kWhite);
+        EXPECT_EQ(PixelOf(d, x, y), (Rgba{0, 0, 0, 255})) << x << "," << y;
+    EXPECT_EQ(PixelOf(d, 320, 5), kWhite);
     // The path is written across the middle: dark pixels off the diagonals, on its line.
     int dark = 0;
     for (uint32_t y = 225; y < 255; ++y)
-        for (uint32_t x = 100; x < 280; ++x) dark += Px(d, x, y).r < 128;
+        for (uint32_t x = 100; x < 280; ++x) dark += PixelOf(d, x, y).r < 128;
     EXPECT_GT(dark, 20);
 
     // Found again as a normal bucket, not decoded again.

@@ -19,8 +19,6 @@
 
 namespace {
 
-// ---- the rules on their own ----------------------------------------------------------------
-
 TEST(ManaRules, PrefetchVisitsFivePagesAheadThenOneBack) {
     using V = std::vector<int32_t>;
     EXPECT_EQ(PrefetchOrder(0, 20), (V{1, 2, 3, 4, 5}));
@@ -33,40 +31,37 @@ TEST(ManaRules, PrefetchVisitsFivePagesAheadThenOneBack) {
 }
 
 TEST(ManaRules, PreviewRuleFollowsItsStateTable) {
-    // Begin with a 100 ms wait (preview mode, not full, a fast format, previews allowed).
-    auto begin = [](PreviewRule& r, const char* path) {
-        return r.Begin(path, true, false, true, false);
+    // Begin with a 100 ms wait (preview mode, not full, a fast format, previews allowed), then End
+    // with or without a timeout; pending follows the timeout.
+    struct Step {
+        const char* path;
+        bool begin, decode, timedOut;
+    };
+    const Step steps[] = {
+        {"a.jpg", true, true, false},  // off, decoded within the wait: off
+        {"b.jpg", true, true, true},   // off, the wait times out: a preview, on
+        {"c.jpg", true, false, true},  // on, another page: no decode, its preview, still on
+        {"b.jpg", true, true, false},  // on, one of the last two pages: the decode is tried
+        {"x.jpg", false, false, true}, {"b.jpg", true, true, true},  // b is the one before the last
     };
     PreviewRule r;
-    // off, the decode finishes in its wait: full picture, off.
-    PreviewRule::Decision d = begin(r, "a.jpg");
-    EXPECT_EQ(d.waitMs, 100);
-    EXPECT_TRUE(d.bDecode);
-    r.End("a.jpg", false);
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.path);
+        if (step.begin) {
+            const PreviewRule::Decision d = r.Begin(step.path, true, false, true, false);
+            EXPECT_EQ(d.waitMs, 100);
+            EXPECT_EQ(d.bDecode, step.decode);
+        }
+        r.End(step.path, step.timedOut);
+        EXPECT_EQ(r.bPreviewPending, step.timedOut);
+    }
+    r.Quiet();  // on, a second of quiet: off
     EXPECT_FALSE(r.bPreviewPending);
-    // off, the wait times out: a preview is shown, on.
-    EXPECT_TRUE(begin(r, "b.jpg").bDecode);
-    r.End("b.jpg", true);
-    EXPECT_TRUE(r.bPreviewPending);
-    // on, another page: no decode, its preview shown, still on.
-    EXPECT_FALSE(begin(r, "c.jpg").bDecode);
-    r.End("c.jpg", true);
-    EXPECT_TRUE(r.bPreviewPending);
-    // on, the same page as one of the last two: the decode is tried.
-    EXPECT_TRUE(begin(r, "b.jpg").bDecode);
-    r.End("b.jpg", false);
-    EXPECT_FALSE(r.bPreviewPending);
-    r.End("x.jpg", true);                    // on again
-    EXPECT_TRUE(begin(r, "b.jpg").bDecode);  // b is the one before the last
-    r.End("b.jpg", true);
-    // on, a second of quiet: off.
-    r.Quiet();
-    EXPECT_FALSE(r.bPreviewPending);
-    // any state, a wait without limit: decode, off. Each reason for no limit counts.
+    // Any state, a wait without limit: decode, off. Each reason for no limit counts.
     for (int reason = 0; reason < 4; ++reason) {
         r.End("p.jpg", true);
-        ASSERT_TRUE(r.bPreviewPending);
-        d = r.Begin("z.jpg", reason != 0, reason == 1, reason != 2, reason == 3);
+        const PreviewRule::Decision d =
+            r.Begin("z.jpg", reason != 0, reason == 1, reason != 2, reason == 3);
         EXPECT_EQ(d.waitMs, -1) << reason;
         EXPECT_TRUE(d.bDecode) << reason;
         EXPECT_FALSE(r.bPreviewPending) << reason;
@@ -74,8 +69,7 @@ TEST(ManaRules, PreviewRuleFollowsItsStateTable) {
 }
 
 TEST(ManaRules, ReducedPicturesScaleRequestsAndFastFormatsByShowMode) {
-    // Stretch into 1920x1080: 900x1350 fits as 720x1080, smaller both ways; 700x1050 fits as
-    // 700x1050 (height rules, equal), not smaller.
+    // Stretch into 1920x1080: 900x1350 fits as 720x1080, smaller both ways; 720x1080 as itself.
     EXPECT_TRUE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 900, 1350));
     EXPECT_FALSE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 720, 1080));
     EXPECT_FALSE(IsReducedEnough(SHOW_STRETCH, 1920, 1080, 1900, 1000));  // fits as 1920x1011
@@ -89,18 +83,18 @@ TEST(ManaRules, ReducedPicturesScaleRequestsAndFastFormatsByShowMode) {
 
     ViewSettings s;
     s.nCanvasWidth = 1920, s.nCanvasHeight = 1080;
-    auto request = [&](uint32_t mode) {
+    using V = std::vector<uint32_t>;
+    const std::pair<uint32_t, V> requests[] = {{SHOW_STRETCH, {1, 1920, 1080}},
+                                               {SHOW_FIT_WIDTH, {1, 1920, 0}},
+                                               {SHOW_TWO_PAGE_L2R, {1, 0, 1080}},
+                                               {SHOW_TWO_PAGE_R2L, {1, 0, 1080}},
+                                               {SHOW_NONE, {0, 0, 0}},
+                                               {SHOW_ONE_PAGE_L2R, {0, 0, 0}}};
+    for (const auto& [mode, want] : requests) {
         s.nStretchMode = mode;
         const XDibScaleRequest r = ScaleRequestFor(s);
-        return std::vector<uint32_t>{r.bEnable, r.nTargetWidth, r.nTargetHeight};
-    };
-    using V = std::vector<uint32_t>;
-    EXPECT_EQ(request(SHOW_STRETCH), (V{1, 1920, 1080}));
-    EXPECT_EQ(request(SHOW_FIT_WIDTH), (V{1, 1920, 0}));
-    EXPECT_EQ(request(SHOW_TWO_PAGE_L2R), (V{1, 0, 1080}));
-    EXPECT_EQ(request(SHOW_TWO_PAGE_R2L), (V{1, 0, 1080}));
-    EXPECT_EQ(request(SHOW_NONE), (V{0, 0, 0}));
-    EXPECT_EQ(request(SHOW_ONE_PAGE_L2R), (V{0, 0, 0}));
+        EXPECT_EQ((V{r.bEnable, r.nTargetWidth, r.nTargetHeight}), want) << mode;
+    }
 
     for (const char* name : {"a.jpg", "b.jpeg", "c.jpe", "d.hdp", "e.wmp", "x.jpg.png"})
         EXPECT_TRUE(IsFastFormat(name)) << name;
@@ -130,10 +124,11 @@ TEST(ManaRules, StoredFilesTakeFreeNamesAndArchiveNamesBecomeFlat) {
     EXPECT_EQ(FlatTempName("in.cbz?p1.png"), "OrlimoTemp.png");
 }
 
-// ---- the engine over real page files -------------------------------------------------------
+// The engine over real page files.
 
-bool WaitFor(const std::function<bool()>& done, int limitMs = 30000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+// Polls `done` for at most half a minute: a guard against hanging, no measure of speed.
+bool WaitFor(const std::function<bool()>& done) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!done()) {
         if (std::chrono::steady_clock::now() > end) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -181,10 +176,8 @@ protected:
         // The engine removes OrlimoTemp of the temporary folder when it goes: keep that inside
         // the folder the scratch folders live in.
         setenv("TMPDIR", std::filesystem::path(dir.Path()).parent_path().c_str(), 1);
-        settings.nStretchMode = SHOW_STRETCH;
-        settings.nFilterMode = 1;
-        settings.nCanvasWidth = 400;
-        settings.nCanvasHeight = 300;
+        settings.nStretchMode = SHOW_STRETCH, settings.nFilterMode = 1;
+        settings.nCanvasWidth = 400, settings.nCanvasHeight = 300;
     }
 
     // Lists the scratch folder and starts the engine over it, previews off unless asked.
@@ -194,19 +187,18 @@ protected:
         ASSERT_TRUE(engine.Start(&list));
         engine.ApplySettings(settings);
     }
+    // `f` under the page list's lock.
+    template <typename F>
+    auto Locked(F f) {
+        std::lock_guard hold(list.cs);
+        return f();
+    }
     void Turn(int32_t delta) {
-        {
-            std::lock_guard hold(list.cs);
-            list.Step(delta);
-        }
+        Locked([&] { list.Step(delta); });
         ASSERT_TRUE(engine.ShowPage(false, false));
     }
     bool Cached(int32_t index) {
-        std::string path;
-        {
-            std::lock_guard hold(list.cs);
-            path = list.GetEntry(index)->szPath;
-        }
+        const std::string path = Locked([&] { return list.GetEntry(index)->szPath; });
         CImageMan& cache = engine.GetMainCache();
         return cache.HasBucket(path, cache.MakeKey(path, ""));
     }
@@ -295,11 +287,7 @@ TEST_F(ManaProcTest, EncryptedPagesWithoutPasswordStopDecodingAhead) {
         entry->bEncrypted = 1;
         entries.push_back(std::move(entry));
     }
-    {
-        std::lock_guard hold(list.cs);
-        list.Append(std::move(entries));
-        list.SetCurrent(0);
-    }
+    Locked([&] { list.Append(std::move(entries)), list.SetCurrent(0); });
     engine.bUsePreviewMode = 0;
     ASSERT_TRUE(engine.Start(&list));
     engine.ApplySettings(settings);
