@@ -2,6 +2,9 @@
 // puts one of them behind its format, and only when that reader is part of this build. A format
 // without a reader opens with TARN_ERR_NO_READER.
 #include "archive/tarnman.h"
+#include "archive/unbzip2.h"
+#include "archive/ungzip.h"
+#include "archive/untar.h"
 
 #if __has_include("archive/zip.h")
 #include "archive/zip.h"
@@ -18,6 +21,9 @@ std::unique_ptr<ITarnExtractor> Make() {
 }  // namespace
 
 void RegisterBuiltinTarnReaders() {
+    RegisterTarnReader(TarnFormatTar, &Make<CTarnUnTar>);
+    RegisterTarnReader(TarnFormatGzip, &Make<CTarnUnGzip>);
+    RegisterTarnReader(TarnFormatBzip2, &Make<CTarnUnBzip2>);
 #ifdef ORLIMO_TARN_HAS_ZIP
     RegisterTarnReader(TarnFormatZip, &Make<CTarnUnZip>);
 #endif

@@ -2,6 +2,7 @@
 // tarnfake.h standing in as the book container's reader.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <zlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -275,6 +276,26 @@ TEST_F(TarnManTest, SolidArchiveGoesThroughTheTemporaryFolder) {
     std::ofstream(folder + "/solid1.jpg", std::ios::binary) << "changed";
     ASSERT_TRUE(pair.ExtractToMemory("solid1.jpg", "", &mem));
     EXPECT_EQ(mem.data, "changed");
+}
+
+TEST_F(TarnManTest, BuiltInReaderThroughThePair) {
+    // A gzip file made by zlib, found by its signature and read by the library's own reader.
+    const std::string path = (dir / "page.jpg.gz").string();
+    const std::string payload(5000, 'g');
+    gzFile gz = gzopen(path.c_str(), "wb");
+    ASSERT_NE(gz, nullptr);
+    ASSERT_EQ(gzwrite(gz, payload.data(), unsigned(payload.size())), int(payload.size()));
+    ASSERT_EQ(gzclose(gz), Z_OK);
+
+    CTarnLibPair pair;
+    TarnArchiveInfo info;
+    ASSERT_TRUE(pair.Open(path, &info, false)) << pair.GetLastError();
+    EXPECT_EQ(info.nFormat, TarnFormatGzip);
+    ASSERT_EQ(pair.GetCurrent()->GetFileItemCount(), 1u);
+    const TarnFileItem* item = pair.GetCurrent()->GetFileItem(0);
+    CMemSimple mem;
+    ASSERT_TRUE(pair.ExtractToMemory(item->fileNameW, item->fileName, &mem)) << pair.GetLastError();
+    EXPECT_EQ(mem.data, payload);
 }
 
 }  // namespace
