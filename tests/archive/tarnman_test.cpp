@@ -155,6 +155,23 @@ TEST_F(TarnManTest, OpenListFindAndExtract) {
     EXPECT_EQ(lib.GetFileItemCount(), 0u);
 }
 
+TEST_F(TarnManTest, FailedEntryLeavesNoFileBehind) {
+    // The reader refuses the climbing name and stops there: a broken archive of two entries.
+    CTarnLib lib;
+    ASSERT_TRUE(lib.Open(Write("mixed.orl3", MakeFakeArchive({{"good.jpg", "1234"},
+                                                              {"bad.jpg", "5678"},
+                                                              {"../../escape.jpg", "x"}})),
+                         nullptr));
+    EXPECT_TRUE(lib.IsBrokenArchive());
+    EXPECT_EQ(lib.GetLastError(), uint32_t(TARN_ERR_NAME_REJECTED));
+    EXPECT_EQ(lib.GetFileItemCount(), 2u);
+    const std::string out = (dir / "out").string();
+    EXPECT_FALSE(lib.ExtractAllTo(out));
+    EXPECT_EQ(lib.GetLastError(), uint32_t(TARN_ERR_CORRUPT));
+    EXPECT_EQ(platform::GetFileSize(out + "/good.jpg"), 4);
+    EXPECT_EQ(platform::GetFileSize(out + "/bad.jpg"), -1);
+}
+
 TEST_F(TarnManTest, BrokenArchiveKeepsItsEntries) {
     std::string bytes = MakeFakeArchive({{"a.jpg", "1111"}, {"b.jpg", "2222"}});
     bytes[4] = 3;  // claims a third entry that isn't there
