@@ -131,6 +131,22 @@ TEST_F(TarReader, ListsAndExtractsEveryHeaderForm) {
     }
 }
 
+TEST_F(TarReader, ReadsThroughANumberedVolumeSet) {
+    // Cut inside the data of sub/b.bin and inside the header of e.txt, so that both a copy and
+    // the walk cross volumes.
+    const std::string bytes = ReadWhole(MakeTar("whole.tar", "gnu", true));
+    const size_t cuts[] = {0, 512 * 5 + 1234, 512 * 143 + 7, bytes.size()};
+    for (int i = 0; i < 3; ++i) {
+        char name[32];
+        snprintf(name, sizeof name, "set.tar.%03d", i + 1);
+        WriteFile(dir / name, bytes.substr(cuts[i], cuts[i + 1] - cuts[i]));
+    }
+    CTarnUnTar tar;
+    ASSERT_TRUE(OpenWith(&tar, dir / "set.tar.001")) << tar.GetLastError();
+    EXPECT_EQ(tar.GetFileList()->GetCount(), 5u);
+    ExpectExtracted(tar, true);
+}
+
 TEST_F(TarReader, BadChecksumStillListsAndCutDataFailsOnlyItsEntry) {
     const std::string path = MakeTar("bad.tar", "gnu", false);
     std::string bytes = ReadWhole(path);
