@@ -12,7 +12,9 @@ PACKAGES=(
     libturbojpeg0-dev libjpeg62-turbo-dev libpng-dev libtiff-dev libjxr-dev libopenjp2-7-dev
     libraw-dev liblcms2-dev libgs-common libwebp-dev libavif-dev libheif-dev libjxl-dev
     # archives and their cryptography
-    libarchive-dev zlib1g-dev libbz2-dev liblzma-dev libdeflate-dev libssl-dev p7zip-full zip
+    libarchive-dev zlib1g-dev libbz2-dev liblzma-dev libdeflate-dev libssl-dev p7zip-full
+    # the tools that make archive fixtures in the tests
+    tar gzip bzip2 zip
     # text, SIMD, sound
     libfreetype-dev libharfbuzz-dev libfontconfig-dev fonts-nanum fonts-dejavu-core libhwy-dev
     libcanberra-dev

@@ -166,10 +166,6 @@ TarnFormat CTarnMan::CheckFormat(const std::string& path) {
 }
 
 void CTarnMan::SetPassword(const char* password) {
-    if (password)
-        sPassword = std::string(password);
-    else
-        sPassword.reset();
     if (pExtractor) pExtractor->SetPassword(password);
 }
 

@@ -150,7 +150,6 @@ private:
     void* pFactoryContext = nullptr;
     std::string sPath;
     std::optional<std::string> sAlias;
-    std::optional<std::string> sPassword;
     bool bBroken = false;
     bool bEncrypted = false;
     bool bSolid = false;

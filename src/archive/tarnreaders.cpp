@@ -1,8 +1,30 @@
-// The readers built into the library. A reader's header says how to make it; each line below
-// puts one of them behind its format. A format without a line opens with TARN_ERR_NO_READER.
+// The readers built into the library. A reader's header says how to make it; each block below
+// puts one of them behind its format, and only when that reader is part of this build. A format
+// without a reader opens with TARN_ERR_NO_READER.
 #include "archive/tarnman.h"
+#include "archive/unbzip2.h"
+#include "archive/ungzip.h"
+#include "archive/untar.h"
+
+#if __has_include("archive/zip.h")
 #include "archive/zip.h"
+#define ORLIMO_TARN_HAS_ZIP 1
+#endif
+
+namespace {
+
+template <class Reader>
+std::unique_ptr<ITarnExtractor> Make() {
+    return std::make_unique<Reader>();
+}
+
+}  // namespace
 
 void RegisterBuiltinTarnReaders() {
-    RegisterTarnZip();
+    RegisterTarnReader(TarnFormatTar, &Make<CTarnUnTar>);
+    RegisterTarnReader(TarnFormatGzip, &Make<CTarnUnGzip>);
+    RegisterTarnReader(TarnFormatBzip2, &Make<CTarnUnBzip2>);
+#ifdef ORLIMO_TARN_HAS_ZIP
+    RegisterTarnReader(TarnFormatZip, &Make<CTarnUnZip>);
+#endif
 }

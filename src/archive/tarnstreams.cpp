@@ -156,6 +156,7 @@ bool CTarnInFileStreamWin::Read(void* buffer, uint32_t size, uint32_t* count) {
     if (!count) count = &dummy;
     *count = 0;
     if (fd < 0 || (!buffer && size > 0)) return false;
+    if (size == 0) return true;
     auto* to = static_cast<uint8_t*>(buffer);
     const uint32_t avail = nInBuffer - nReadIndex;
     if (size <= avail) {

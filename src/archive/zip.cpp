@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "archive/inflate64.h"
-#include "archive/tarnman.h"
 
 namespace {
 
@@ -142,12 +141,6 @@ private:
     int64_t outDone_ = 0;
     uint32_t crc_ = 0;
 };
-
-void RegisterTarnZip() {
-    RegisterTarnReader(TarnFormatZip, []() -> std::unique_ptr<ITarnExtractor> {
-        return std::make_unique<CTarnUnZip>();
-    });
-}
 
 CTarnUnZip::CTarnUnZip() = default;
 

@@ -13,9 +13,6 @@
 
 struct libdeflate_decompressor;
 
-// Puts CTarnUnZip behind TarnFormatZip in the manager's registry.
-void RegisterTarnZip();
-
 class CTarnUnZip : public CTarnExtractorImpl {
 public:
     CTarnUnZip();

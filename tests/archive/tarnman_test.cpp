@@ -2,6 +2,7 @@
 // tarnfake.h standing in as the book container's reader.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <zlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -155,6 +156,23 @@ TEST_F(TarnManTest, OpenListFindAndExtract) {
     EXPECT_EQ(lib.GetFileItemCount(), 0u);
 }
 
+TEST_F(TarnManTest, FailedEntryLeavesNoFileBehind) {
+    // The reader refuses the climbing name and stops there: a broken archive of two entries.
+    CTarnLib lib;
+    ASSERT_TRUE(lib.Open(Write("mixed.orl3", MakeFakeArchive({{"good.jpg", "1234"},
+                                                              {"bad.jpg", "5678"},
+                                                              {"../../escape.jpg", "x"}})),
+                         nullptr));
+    EXPECT_TRUE(lib.IsBrokenArchive());
+    EXPECT_EQ(lib.GetLastError(), uint32_t(TARN_ERR_NAME_REJECTED));
+    EXPECT_EQ(lib.GetFileItemCount(), 2u);
+    const std::string out = (dir / "out").string();
+    EXPECT_FALSE(lib.ExtractAllTo(out));
+    EXPECT_EQ(lib.GetLastError(), uint32_t(TARN_ERR_CORRUPT));
+    EXPECT_EQ(platform::GetFileSize(out + "/good.jpg"), 4);
+    EXPECT_EQ(platform::GetFileSize(out + "/bad.jpg"), -1);
+}
+
 TEST_F(TarnManTest, BrokenArchiveKeepsItsEntries) {
     std::string bytes = MakeFakeArchive({{"a.jpg", "1111"}, {"b.jpg", "2222"}});
     bytes[4] = 3;  // claims a third entry that isn't there
@@ -258,6 +276,26 @@ TEST_F(TarnManTest, SolidArchiveGoesThroughTheTemporaryFolder) {
     std::ofstream(folder + "/solid1.jpg", std::ios::binary) << "changed";
     ASSERT_TRUE(pair.ExtractToMemory("solid1.jpg", "", &mem));
     EXPECT_EQ(mem.data, "changed");
+}
+
+TEST_F(TarnManTest, BuiltInReaderThroughThePair) {
+    // A gzip file made by zlib, found by its signature and read by the library's own reader.
+    const std::string path = (dir / "page.jpg.gz").string();
+    const std::string payload(5000, 'g');
+    gzFile gz = gzopen(path.c_str(), "wb");
+    ASSERT_NE(gz, nullptr);
+    ASSERT_EQ(gzwrite(gz, payload.data(), unsigned(payload.size())), int(payload.size()));
+    ASSERT_EQ(gzclose(gz), Z_OK);
+
+    CTarnLibPair pair;
+    TarnArchiveInfo info;
+    ASSERT_TRUE(pair.Open(path, &info, false)) << pair.GetLastError();
+    EXPECT_EQ(info.nFormat, TarnFormatGzip);
+    ASSERT_EQ(pair.GetCurrent()->GetFileItemCount(), 1u);
+    const TarnFileItem* item = pair.GetCurrent()->GetFileItem(0);
+    CMemSimple mem;
+    ASSERT_TRUE(pair.ExtractToMemory(item->fileNameW, item->fileName, &mem)) << pair.GetLastError();
+    EXPECT_EQ(mem.data, payload);
 }
 
 }  // namespace
