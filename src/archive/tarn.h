@@ -173,8 +173,8 @@ const char* EncryptionMethod2Str(uint32_t method);
 const char* CompressionMethod2Str(int32_t method);
 
 // Decodes an entry name stored in the archive's bytes: valid UTF-8 stays as it is; otherwise the
-// bytes are read in `codePage` (949, 437, ...; 0 the system's, 65001 UTF-8). Empty when the bytes
-// can't be decoded.
+// bytes are read in `codePage` (949, 437, 932, 1252, ...; 65001 UTF-8). Code page 0, the
+// system's, means CP949 and, where that fails, CP437. Empty when the bytes can't be decoded.
 std::string TarnDecodeName(std::string_view raw, uint32_t codePage);
 
 // The name rule of the readers with byte names: an empty name, or one with "../" or "..\"

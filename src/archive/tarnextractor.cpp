@@ -46,10 +46,35 @@ std::string CodePageName(uint32_t codePage) {
     return {};
 }
 
+const iconv_t kNoConverter = reinterpret_cast<iconv_t>(-1);  // what iconv_open fails with
+
+// The converters of this thread, one per source encoding: a listing decodes thousands of names
+// through the same one or two.
+class ConverterCache {
+public:
+    ~ConverterCache() {
+        for (auto& [name, cd] : converters_)
+            if (cd != kNoConverter) iconv_close(cd);
+    }
+    iconv_t Get(const std::string& from) {
+        for (auto& [name, cd] : converters_)
+            if (name == from) {
+                if (cd != kNoConverter) iconv(cd, nullptr, nullptr, nullptr, nullptr);  // reset
+                return cd;
+            }
+        converters_.emplace_back(from, iconv_open("UTF-8", from.c_str()));
+        return converters_.back().second;
+    }
+
+private:
+    std::vector<std::pair<std::string, iconv_t>> converters_;  // unknown names stay, as failures
+};
+
 // Converts `raw` from the iconv encoding `from` to UTF-8; false when any byte fails.
 bool ConvertToUtf8(std::string_view raw, const std::string& from, std::string* out) {
-    iconv_t cd = iconv_open("UTF-8", from.c_str());
-    if (cd == reinterpret_cast<iconv_t>(-1)) return false;
+    thread_local ConverterCache cache;
+    iconv_t cd = cache.Get(from);
+    if (cd == kNoConverter) return false;
     // A byte never becomes more than four bytes of UTF-8.
     std::string result(raw.size() * 4 + 4, '\0');
     char* in = const_cast<char*>(raw.data());
@@ -62,7 +87,6 @@ bool ConvertToUtf8(std::string_view raw, const std::string& from, std::string* o
         // Flush any shift state; a sequence cut at the end fails above already.
         ok = iconv(cd, nullptr, nullptr, &dst, &outLeft) != static_cast<size_t>(-1);
     }
-    iconv_close(cd);
     if (!ok) return false;
     result.resize(result.size() - outLeft);
     // A decoder that maps bytes to control characters or U+FFFD is no decoding we want to show.
