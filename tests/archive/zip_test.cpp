@@ -648,6 +648,12 @@ TEST_F(ZipTest, HostileSizesNeitherLoopNorAllocate) {
     bytes[extra + 4 + 15] = char(0x80);
     bytes.resize(bytes.find("PK\x01\x02"));
     EXPECT_FALSE(Open(bytes));
+    // And 2^63 - 1: the scan must not seek by it.
+    bytes[extra + 4 + 15] = char(0x7F);
+    zip_.Close();
+    EXPECT_FALSE(Open(bytes));
+    EXPECT_EQ(zip_.GetLastError(), TARN_ERR_BROKEN);
+    EXPECT_EQ(zip_.GetFileList()->GetCount(), 1u);
 
     // Sizes far beyond the file: the entry fails to read, nothing is allocated for it.
     bytes = BuildZip({{"b.bin", Noise(100, 11)}});
