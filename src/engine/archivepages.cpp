@@ -1,5 +1,6 @@
 #include "engine/archivepages.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -55,6 +56,7 @@ void ListNested(CTarnLibPair& pair, const std::string& outer, const std::string&
 
 bool CMemTarnOutStream::Open(const char*) {
     nPos_ = 0;
+    bSized_ = false;
     block_.clear();
     return true;
 }
@@ -62,12 +64,21 @@ bool CMemTarnOutStream::Open(const char*) {
 bool CMemTarnOutStream::SetSize(int64_t size) {
     if (size < 0 || size > nCap_) return false;
     nPos_ = 0;
+    bSized_ = true;
     block_.resize(size_t(size));
     block_.shrink_to_fit();  // a large entry before must not keep its block
     return true;
 }
 
 bool CMemTarnOutStream::Write(const void* buffer, uint32_t size) {
+    if (!bSized_ && size > block_.size() - nPos_) {
+        // A format that can't tell the size ahead (bzip2): the block grows, doubling, under the
+        // cap, so a stream that never ends can't take all memory.
+        const uint64_t needed = uint64_t(nPos_) + size;
+        if (needed > uint64_t(nCap_)) return false;
+        block_.resize(size_t(
+            std::min<uint64_t>(std::max<uint64_t>(needed, block_.size() * 2), uint64_t(nCap_))));
+    }
     if (size > block_.size() - nPos_) return false;
     if (size) std::memcpy(block_.data() + nPos_, buffer, size);
     nPos_ += size;

@@ -18,8 +18,9 @@
 inline constexpr int64_t kMemOutCap = int64_t(1) << 30;
 
 // One entry in memory. The block is sized by SetSize with the entry's announced size (refused
-// above the cap) and never grows while writing: a write past its end fails, so an entry can't
-// deliver more than its header promised.
+// above the cap) and then never grows: a write past its end fails, so an entry can't deliver
+// more than its header promised. An entry whose size isn't known (no SetSize) grows under the
+// cap as it is written.
 class CMemTarnOutStream final : public ITarnSimpleOutStream {
 public:
     explicit CMemTarnOutStream(int64_t cap = kMemOutCap) : nCap_(cap) {}
@@ -27,7 +28,7 @@ public:
     CMemTarnOutStream& operator=(const CMemTarnOutStream&) = delete;
     ~CMemTarnOutStream() override = default;
 
-    // Starts a new entry: nothing written, no room.
+    // Starts a new entry: nothing written, size not known.
     bool Open(const char* path) override;
     // Makes room for exactly `size` bytes; refused when negative or above the cap.
     bool SetSize(int64_t size) override;
@@ -46,6 +47,7 @@ public:
 private:
     std::vector<uint8_t> block_;
     size_t nPos_ = 0;
+    bool bSized_ = false;  // SetSize announced the size: the block is fixed
     int64_t nCap_;
 };
 
