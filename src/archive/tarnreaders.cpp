@@ -1,6 +1,7 @@
 // The readers built into the library. A reader's header says how to make it; each block below
 // puts one of them behind its format, and only when that reader is part of this build. A format
 // without a reader opens with TARN_ERR_NO_READER.
+#include "archive/bh.h"
 #include "archive/bond.h"
 #include "archive/tarnman.h"
 #include "archive/unbzip2.h"
@@ -26,6 +27,7 @@ void RegisterBuiltinTarnReaders() {
     RegisterTarnReader(TarnFormatGzip, &Make<CTarnUnGzip>);
     RegisterTarnReader(TarnFormatBzip2, &Make<CTarnUnBzip2>);
     RegisterTarnReader(TarnFormatBond, &Make<CTarnUnBond>);
+    RegisterTarnReader(TarnFormatBH, &Make<CTarnUnBH>);
 #ifdef ORLIMO_TARN_HAS_ZIP
     RegisterTarnReader(TarnFormatZip, &Make<CTarnUnZip>);
 #endif
