@@ -3,6 +3,7 @@
 // without a reader opens with TARN_ERR_NO_READER.
 #include "archive/bh.h"
 #include "archive/bond.h"
+#include "archive/cab.h"
 #include "archive/tarnman.h"
 #include "archive/unbzip2.h"
 #include "archive/ungzip.h"
@@ -28,6 +29,7 @@ void RegisterBuiltinTarnReaders() {
     RegisterTarnReader(TarnFormatBzip2, &Make<CTarnUnBzip2>);
     RegisterTarnReader(TarnFormatBond, &Make<CTarnUnBond>);
     RegisterTarnReader(TarnFormatBH, &Make<CTarnUnBH>);
+    RegisterTarnReader(TarnFormatCab, &Make<CTarnUnCab>);
 #ifdef ORLIMO_TARN_HAS_ZIP
     RegisterTarnReader(TarnFormatZip, &Make<CTarnUnZip>);
 #endif
