@@ -47,7 +47,8 @@ constexpr uint32_t kLzmaBlock = 65536;
 constexpr uint32_t kOutBlock = 65536;
 
 // Entries up to this size are inflated whole by libdeflate, which is faster than a stream;
-// larger ones (and anything a hostile header claims beyond the file) take the streaming path.
+// larger ones take the streaming path, as do sizes a hostile header claims beyond the file or
+// beyond Deflate's best ratio (1032 to 1).
 constexpr int64_t kWholeInflateMax = int64_t(64) << 20;
 // A dictionary an LZMA entry of unknown size may ask for; a hostile property block otherwise
 // asks for up to 4 GiB at once.
@@ -418,6 +419,11 @@ bool CTarnUnZip::ReadLocalHeader(TarnFileItem* existing, bool create) {
     TarnFileItem* added = item.get();
     if (!AddItem(std::move(item), Percent())) return false;
     localMap_[headerPos] = added;
+    // Data that runs past the end is a cut archive: the entry stays listed, the scan ends.
+    if (skip > pStream->GetSize() - pStream->GetPos()) {
+        nLastError = TARN_ERR_BROKEN;
+        return false;
+    }
     pStream->Seek(skip, 1);
     return true;
 }
@@ -566,7 +572,7 @@ bool CTarnUnZip::ExtractInflateWhole(TarnFileItem* item, ITarnOutStream* output,
     const int64_t outSize = item->uncompressedSize;
     if (item->encryptionMethod != kTarnCryptNone || inSize <= 0 || outSize <= 0 ||
         inSize > kWholeInflateMax || outSize > kWholeInflateMax ||
-        inSize > pStream->GetSize() - item->dataPos)
+        inSize > pStream->GetSize() - item->dataPos || outSize / 1032 > inSize)
         return true;
     if (!pDeflate_ && !(pDeflate_ = libdeflate_alloc_decompressor())) return true;
 
