@@ -10,13 +10,16 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "imgwrite/imgwrite.h"
 #include "library_writers.h"
+#include "zipwriter.h"
 
 using imgwrite::Picture;
 using imgwrite::Rgba;
@@ -458,6 +461,10 @@ PageWriter Bytewise(std::function<imgwrite::Bytes(const Picture&)> encode) {
 
 }  // namespace
 
+// The comic archive holds pages 1 to this in kNestedName inside it, the others at its top.
+constexpr int kNestedPages = 7;
+constexpr const char* kNestedName = "chapter1.cbz";
+
 int main(int argc, char** argv) {
     if (argc != 2) {
         std::fprintf(stderr, "usage: make-sample-book OUTDIR\n");
@@ -530,5 +537,27 @@ int main(int argc, char** argv) {
         ++written;
     }
     std::printf("make-sample-book: %d pages in %s\n", written, dir.string().c_str());
+
+    // The same book as a comic archive beside the folder: the first chapter as a comic archive
+    // inside it, the way collected volumes are often passed around, the other pages at its top.
+    // Pages inside an inner archive sort before the outer archive's own, so page 1 stays first.
+    std::vector<samplewrite::ZipEntry> outer;
+    std::vector<samplewrite::ZipEntry> inner;
+    for (const PageFile& f : kPages) {
+        const std::string name = "page" + std::to_string(f.number) + "." + f.extension;
+        std::ifstream in(dir / name, std::ios::binary);
+        Bytes bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        (f.number <= kNestedPages ? inner : outer).push_back({name, std::move(bytes)});
+    }
+    // Stored, as its pages inside are compressed already.
+    outer.push_back({kNestedName, samplewrite::MakeZip(inner), false});
+    std::filesystem::path archive = dir;
+    archive += ".cbz";
+    const Bytes zip = samplewrite::MakeZip(outer);
+    if (zip.empty() || !imgwrite::WriteFile(archive.string(), zip)) {
+        std::fprintf(stderr, "make-sample-book: can't write %s\n", archive.string().c_str());
+        return 1;
+    }
+    std::printf("make-sample-book: the book as %s\n", archive.string().c_str());
     return 0;
 }

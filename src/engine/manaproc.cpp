@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <span>
 #include <system_error>
 
 #include "base/tick.h"
@@ -50,7 +51,7 @@ int64_t ExistingFileSize(const std::string& path) {
     return int64_t(st.st_size);
 }
 
-bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
+bool WriteWholeFile(const std::string& path, std::span<const uint8_t> bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!out) return false;
     out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
@@ -224,6 +225,20 @@ void CManaProc::ApplySettings(const ViewSettings& settings) {
     SendCommand(MP_APPLY_SETTINGS, 0, 0, kInfinite);
 }
 
+XResult CManaProc::OpenArchive(const std::string& path, ArchiveListing* listing, bool reopen) {
+    return SendCommand(reopen ? MP_REOPEN_ARCHIVE : MP_OPEN_ARCHIVE,
+                       reinterpret_cast<uint64_t>(&path), reinterpret_cast<uint64_t>(listing),
+                       kInfinite);
+}
+
+void CManaProc::CloseArchive() {
+    SendCommand(MP_CLOSE_ARCHIVE, 0, 0, kInfinite);
+}
+
+void CManaProc::SetPassword(const std::string& password) {
+    SendCommand(MP_SET_PASSWORD, reinterpret_cast<uint64_t>(&password), 0, kInfinite);
+}
+
 void CManaProc::PostCacheImage(int32_t index, uint64_t target) {
     std::lock_guard hold(queueLock_);
     queue_.push_back({kMsgCacheImage, index, target});
@@ -302,9 +317,24 @@ XResult CManaProc::Serve(const XCommand& cmd) {
             const auto* program = reinterpret_cast<const std::string*>(cmd.nParam1);
             return program ? OnOpenExternal(*program) : kXFail;
         }
+        case MP_OPEN_ARCHIVE:
+        case MP_REOPEN_ARCHIVE: {
+            const auto* path = reinterpret_cast<const std::string*>(cmd.nParam1);
+            auto* listing = reinterpret_cast<ArchiveListing*>(cmd.nParam2);
+            if (!path || !listing) return kXFail;
+            return OnOpenArchive(*path, listing, cmd.nCommand == MP_REOPEN_ARCHIVE);
+        }
+        case MP_CLOSE_ARCHIVE:
+            tarn.Close();
+            memOut.Clear();
+            return kXOk;
+        case MP_SET_PASSWORD: {
+            const auto* password = reinterpret_cast<const std::string*>(cmd.nParam1);
+            sPassword = password ? *password : std::string();
+            tarn.SetPassword(sPassword);
+            return kXOk;
+        }
         default:
-            // MP_OPEN_ARCHIVE, MP_REOPEN_ARCHIVE, MP_CLOSE_ARCHIVE and MP_SET_PASSWORD come with
-            // the archive support; unknown codes fail alike.
             return kXFail;
     }
 }
@@ -347,9 +377,14 @@ void CManaProc::SetCacheOptions(CImageMan& cache, bool bFull) {
     cache.SetOptions(o);
 }
 
-CManaProc::ExtractResult CManaProc::ExtractEntry(const PageEntry&) {
-    memOut.clear();
-    return ExtractResult::kFailed;
+CManaProc::ExtractResult CManaProc::ExtractEntry(const PageEntry& entry) {
+    return ExtractArchivePage(tarn, entry, &memOut);
+}
+
+XResult CManaProc::OnOpenArchive(const std::string& path, ArchiveListing* listing, bool reopen) {
+    EmptyPrepared();
+    const uint32_t result = ListArchive(tarn, path, sPassword, reopen, listing);
+    return result;
 }
 
 XAnimDib* CManaProc::StartDecode(CImageMan& cache, const PageEntry& entry, const std::string& key,
@@ -686,7 +721,7 @@ XResult CManaProc::OnStoreFile(const std::string& folder, bool bMove) {
         const int64_t existing = ExistingFileSize(target);
         if (existing >= 0 && existing != size)
             target = folder + "/" + FindFreeName(folder, name, size);
-        return WriteWholeFile(target, memOut) ? kXOk : kXFail;
+        return WriteWholeFile(target, memOut.Bytes()) ? kXOk : kXFail;
     }
     const int64_t size = ExistingFileSize(entry.szPath);
     const std::string target = folder + "/" + FindFreeName(folder, entry.szName, size);
@@ -723,7 +758,7 @@ XResult CManaProc::OnOpenExternal(const std::string& program) {
     if (IsArchivePath(entry.szPath)) {
         if (!ExtractCurrentEntry(current, entry)) return kXFail;
         target = platform::GetTempFolder() + "/" + FlatTempName(entry.szName);
-        if (!WriteWholeFile(target, memOut)) return kXFail;
+        if (!WriteWholeFile(target, memOut.Bytes())) return kXFail;
     }
     return platform::SpawnDetached(program, target) ? kXOk : kXFail;
 }

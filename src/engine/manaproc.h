@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "base/xthread.h"
+#include "engine/archivepages.h"
 #include "engine/imageman.h"
 #include "engine/pagelist.h"
 #include "engine/viewsettings.h"
@@ -31,13 +32,13 @@ enum : uint32_t {
     MP_NOP = 0,
     MP_SHOW_BACKGROUND = 1,  // p1: const std::string* file path (may be empty), p2: colour
     MP_QUIT = 2,
-    MP_OPEN_ARCHIVE = 4,  // archive requests: not served yet, they answer kXFail
-    MP_REOPEN_ARCHIVE = 5,
+    MP_OPEN_ARCHIVE = 4,         // p1: const std::string* path, p2: ArchiveListing*
+    MP_REOPEN_ARCHIVE = 5,       // the same, opening anew once the password is known
     MP_SHOW_PAGE = 7,            // p1: bActualSize, p2: bNoPreview
     MP_SAVE_SCREEN_PICTURE = 8,  // p1: const ScreenPictureRequest*
     MP_APPLY_SETTINGS = 9,       //
     MP_CLOSE_ARCHIVE = 11,       //
-    MP_SET_PASSWORD = 12,        //
+    MP_SET_PASSWORD = 12,        // p1: const std::string* password
     MP_STORE_FILE = 14,          // p1: const std::string* target folder, p2: bMove
     MP_GET_PICTURE = 15,         // p1: PictureRequest*
     MP_OPEN_EXTERNAL = 16,       // p1: const std::string* program path
@@ -132,12 +133,8 @@ std::string FlatTempName(std::string_view entryName);
 
 class CManaProc : public XThread {
 public:
-    // How an archive entry came out of its archive.
-    enum class ExtractResult {
-        kOk,       // memOut holds the entry
-        kCorrupt,  // the data were damaged; memOut holds what was written
-        kFailed,
-    };
+    // How an archive entry came out of its archive (into memOut).
+    using ExtractResult = ArchiveExtract;
 
     // Counters for diagnostics and benchmarks; written by the engine thread only.
     struct Stats {
@@ -172,21 +169,25 @@ public:
     CImageMan& GetMainCache() { return cacheMain; }
     CImageMan& GetPreviewCache() { return cachePreview; }
 
+    // Sends MP_OPEN_ARCHIVE (MP_REOPEN_ARCHIVE with `reopen`) and waits for the listing: 0, or
+    // kArchiveTooNew / kArchiveCantOpen. The caller appends the pages to the list and sorts.
+    XResult OpenArchive(const std::string& path, ArchiveListing* listing, bool reopen = false);
+    // Sends MP_CLOSE_ARCHIVE.
+    void CloseArchive();
+    // Sends MP_SET_PASSWORD: the password for the open archive and for the keys of its pages.
+    void SetPassword(const std::string& password);
+
     // A setting: a slow JPEG or HD Photo decode shows a preview at once.
     std::atomic<uint32_t> bUsePreviewMode{1};
 
 protected:
     uint32_t ThreadMain() override;
 
-    // Reads archive page `entry` into memOut. Archive pages come with the archive support; until
-    // then no archive is open and every archive page fails like an undecodable page.
-    virtual ExtractResult ExtractEntry(const PageEntry& entry);
-
-    // The bytes of the last extracted archive entry; engine thread only.
-    std::vector<uint8_t> memOut;
-    std::string sPassword;  // the open archive's password; empty for none
-
 private:
+    // Reads archive page `entry` into memOut, opening its archive unless it is open.
+    ExtractResult ExtractEntry(const PageEntry& entry);
+    XResult OnOpenArchive(const std::string& path, ArchiveListing* listing, bool reopen);
+
     XResult Serve(const XCommand& cmd);
     void HandleQueuedMessage();
 
@@ -225,6 +226,12 @@ private:
 
     CPageList* pList = nullptr;
     IManaHost* pHost = nullptr;
+
+    // The archive state; engine thread only. Names and passwords are UTF-8, so the password's
+    // narrow form is the same text.
+    CTarnLibPair tarn;
+    CMemTarnOutStream memOut;  // the bytes of the last extracted archive entry
+    std::string sPassword;     // the open archive's password; empty for none
 
     CImageMan cacheMain;     // instance 0: pages at screen quality
     CImageMan cachePreview;  // instance 1: previews and thumbnails

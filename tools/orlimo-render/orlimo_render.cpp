@@ -3,15 +3,18 @@
 // Decodes a picture the way the viewer does and writes one frame as a 24-bit BMP, so that a
 // decoder's output can be looked at, compared or kept as a reference. Prints one line:
 //   WIDTHxHEIGHT bpp=N frames=N format=NAME
-// with the frame's depth as decoded. INPUT may be a folder: its first page in the viewer's order
-// is rendered. Exit 0 when a picture came out (a partial one too), 1 when
-// nothing could be decoded, 2 on a usage error.
+// with the frame's depth as decoded. INPUT may be a folder or an archive: its first page in the
+// viewer's order is rendered. It may also be an archive page, "archive|entry" or
+// "outer?inner|entry", which is extracted into memory as the viewer's engine does. Exit 0 when a
+// picture came out (a partial one too), 1 when nothing could be decoded, 2 on a usage error.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <string>
 
+#include "engine/archivepages.h"
 #include "engine/openpath.h"
 #include "engine/pagelist.h"
 #include "image/colorman.h"
@@ -47,6 +50,22 @@ bool ParseScale(const char* text, uint32_t& w, uint32_t& h) {
     const char* x = std::strchr(text, 'x');
     return x && ParseCount(text, x, w) && ParseCount(x + 1, x + std::strlen(x), h);
 }
+
+// Removes the temporary extractions of one archive when it goes.
+class TempFolderGuard {
+public:
+    explicit TempFolderGuard(const std::string& archive)
+        : folder_(CTarnLibPair::TempFolderOf(archive)) {}
+    ~TempFolderGuard() {
+        std::error_code ec;
+        std::filesystem::remove_all(folder_, ec);
+    }
+    TempFolderGuard(const TempFolderGuard&) = delete;
+    TempFolderGuard& operator=(const TempFolderGuard&) = delete;
+
+private:
+    std::string folder_;
+};
 
 }  // namespace
 
@@ -91,7 +110,43 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
+    // An archive opens as the viewer opens it: its pages listed and sorted, the first taken.
+    CTarnLibPair archives;
+    // Archives inside an archive are read from the temporary folder; leave nothing there.
+    const TempFolderGuard temporary(page.substr(0, page.find_first_of("?|")));
+    if (!platform::IsDirectory(input) &&
+        CPageList::GetFileKind(GetExtension(input)) == FileKind::kArchive &&
+        page.find('|') == std::string::npos) {
+        ArchiveListing listing;
+        if (ListArchive(archives, page, "", false, &listing) != 0) {
+            std::fprintf(stderr, "orlimo-render: can't open the archive %s\n", input);
+            return 1;
+        }
+        CPageList list;
+        std::lock_guard hold(list.cs);
+        list.Append(std::move(listing.entries));
+        list.Sort();
+        list.SetCurrent(0);
+        if (list.GetCount() == 0) {
+            std::fprintf(stderr, "orlimo-render: %s holds no pages\n", input);
+            return 1;
+        }
+        page = list.GetCurrentPath();
+    }
     input = page.c_str();
+
+    // An archive page is read into memory and decoded from there; a damaged entry is decoded as
+    // far as its bytes go.
+    CMemTarnOutStream entryBytes;
+    const bool fromArchive = page.find('|') != std::string::npos && platform::GetFileSize(page) < 0;
+    if (fromArchive) {
+        PageEntry entry;
+        entry.szPath = page;
+        if (ExtractArchivePage(archives, entry, &entryBytes) == ArchiveExtract::kFailed) {
+            std::fprintf(stderr, "orlimo-render: can't extract %s\n", input);
+            return 1;
+        }
+    }
 
     // CMYK pictures go through the profiles beside the executable, as in the viewer; without
     // them the plain conversion serves.
@@ -102,7 +157,10 @@ int main(int argc, char** argv) {
 
     XAnimDib anim;
     anim.pColorMan = profiles ? &colorMan : nullptr;
-    const bool whole = anim.LoadFile(input, nullptr, scale.bEnable ? &scale : nullptr);
+    const XDibScaleRequest* scaleRequest = scale.bEnable ? &scale : nullptr;
+    CXDibMemIO memory(entryBytes.data(), int64_t(entryBytes.size()));
+    const bool whole = fromArchive ? anim.Load(memory, input, nullptr, scaleRequest)
+                                   : anim.LoadFile(input, nullptr, scaleRequest);
     if (anim.GetFrameCount() == 0) {
         std::fprintf(stderr, "orlimo-render: can't decode %s\n", input);
         return 1;
@@ -117,7 +175,12 @@ int main(int argc, char** argv) {
     // A decoder that stopped early leaves nFormat at 0: name the format the file was taken for.
     uint32_t format = frame->nFormat;
     if (format == FORMAT_UNKNOWN) {
-        if (XDibIOPtr source = CXDibBuffFileIO::Open(input)) format = SniffFormat(*source, input);
+        if (fromArchive) {
+            memory.Seek(0, 0);
+            format = SniffFormat(memory, input);
+        } else if (XDibIOPtr source = CXDibBuffFileIO::Open(input)) {
+            format = SniffFormat(*source, input);
+        }
     }
 
     XDib copy;
