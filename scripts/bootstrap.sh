@@ -14,7 +14,7 @@ PACKAGES=(
     # archives and their cryptography
     libarchive-dev zlib1g-dev libbz2-dev liblzma-dev libdeflate-dev libssl-dev p7zip-full
     # the tools that make archive fixtures in the tests
-    tar gzip bzip2 zip
+    tar gzip bzip2 zip gcab
     # text, SIMD, sound
     libfreetype-dev libharfbuzz-dev libfontconfig-dev fonts-nanum fonts-dejavu-core libhwy-dev
     libcanberra-dev
