@@ -50,15 +50,46 @@ struct Entry {
     std::string extra;
     int headerSizeDelta = 0;  // to break the header size
     uint32_t crcXor = 0;
+    std::string password;  // non-empty: ZipCrypto with its 12-byte header
+};
+
+// PKWARE's traditional cipher, the writer's side.
+class ZipEncrypt {
+public:
+    explicit ZipEncrypt(const std::string& password) {
+        for (char c : password) Update(uint8_t(c));
+    }
+    std::string Run(const std::string& plain) {
+        std::string out;
+        for (char c : plain) {
+            const uint32_t t = (k_[2] | 2) & 0xFFFF;
+            out += char(uint8_t(c) ^ uint8_t((t * (t ^ 1)) >> 8));
+            Update(uint8_t(c));
+        }
+        return out;
+    }
+
+private:
+    static uint32_t Step(uint32_t k, uint8_t b) { return ~uint32_t(crc32(~k, &b, 1)); }
+    void Update(uint8_t c) {
+        k_[0] = Step(k_[0], c);
+        k_[1] = (k_[1] + (k_[0] & 0xFF)) * 134775813u + 1;
+        k_[2] = Step(k_[2], uint8_t(k_[1] >> 24));
+    }
+    uint32_t k_[3] = {0x12345678, 0x23456789, 0x34567890};
 };
 
 std::string Member(const Entry& e) {
-    const std::string packed = (e.method == 2 || e.method == 8) ? RawDeflate(e.data) : e.data;
+    std::string packed = (e.method == 2 || e.method == 8) ? RawDeflate(e.data) : e.data;
+    if (!e.password.empty()) {
+        const std::string header = "0123456789A" + std::string(1, char(Crc(e.data) >> 24));
+        packed = ZipEncrypt(e.password).Run(header + packed);
+    }
     std::string s;
     Put32(s, 0x07054842);
     Put16(s, uint32_t(37 + e.name.size() + e.extra.size() + e.headerSizeDelta));
     s += std::string(3, '\0');
-    s += char(e.flags);
+    s += char(e.flags | (e.password.empty() ? 0 : 1));
     s += char(e.method);
     Put32(s, (53u << 25 | 3u << 21 | 14u << 16) | (12u << 11 | 30u << 5));  // 2033-03-14 12:30
     Put32(s, uint32_t(packed.size()));
@@ -171,6 +202,23 @@ TEST(BHReader, ExtractionErrors) {
     EXPECT_EQ(o.reader.GetLastError(), uint32_t(TARN_ERR_NEED_PASSWORD));
     EXPECT_FALSE(o.ExtractOne(4));
     EXPECT_EQ(o.reader.GetLastError(), uint32_t(TARN_ERR_DATA_READ));
+}
+
+TEST(BHReader, DecryptsWithThePassword) {
+    Entry stored{"stored.jpg", Pattern(6000, 4)};
+    stored.password = "pw";
+    Entry deflated{"deflated.jpg", Pattern(70000, 5), 8};
+    deflated.password = "pw";
+    Opened o(Member(stored) + Member(deflated));
+    ASSERT_TRUE(o.ok) << o.reader.GetLastError();
+    EXPECT_TRUE(o.reader.IsEncrypted());
+    o.reader.SetPassword("wrong");
+    EXPECT_FALSE(o.ExtractOne(0));
+    EXPECT_EQ(o.reader.GetLastError(), uint32_t(TARN_ERR_WRONG_PASSWORD));
+    o.reader.SetPassword("pw");
+    ASSERT_TRUE(o.reader.ExtractAll(nullptr)) << o.reader.GetLastError();
+    EXPECT_EQ(o.sink.files["stored.jpg"], stored.data);
+    EXPECT_EQ(o.sink.files["deflated.jpg"], deflated.data);
 }
 
 }  // namespace
