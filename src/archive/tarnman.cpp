@@ -466,7 +466,11 @@ bool CTarnLibPair::Open(const std::string& path, TarnArchiveInfo* info, bool for
         info->bBroken = pCurrent->IsBrokenArchive();
         info->bEncrypted = pCurrent->IsEncryptedArchive();
         info->nFormat = pCurrent->GetFileFormat();
-        info->pBondMeta = pCurrent->GetBondMeta();
+        const TarnBondMeta* meta = pCurrent->GetBondMeta();
+        if (meta)
+            info->bondMeta = *meta;
+        else
+            info->bondMeta.reset();
     }
     return true;
 }

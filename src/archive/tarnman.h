@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "archive/bond.h"
 #include "archive/tarn.h"
 
 // The readers, one per format. A reader's file exports a function that registers its factory;
@@ -218,8 +219,9 @@ struct TarnArchiveInfo {
     bool bBroken = false;
     bool bEncrypted = false;
     TarnFormat nFormat = TarnFormatNone;
-    // The book container's metadata; owned by the open archive and valid while it stays open.
-    const TarnBondMeta* pBondMeta = nullptr;
+    // A copy of the book container's metadata; empty for every other format. It stays valid
+    // after the archive is closed.
+    std::optional<TarnBondMeta> bondMeta;
 };
 
 // The page engine's archives: two stay open, the most recent two. Temporary extractions go

@@ -58,7 +58,7 @@ struct ArchiveListing {
     bool bBroken = false;         // damaged, the entries found are used
     bool bNeedsPassword = false;  // encrypted; a password is wanted for its pages
     TarnFormat nFormat = TarnFormatNone;
-    TarnArchiveInfo info;  // valid while the archive stays open
+    TarnArchiveInfo info;
 };
 
 // Results of opening an archive.

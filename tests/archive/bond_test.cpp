@@ -272,6 +272,18 @@ TEST(BondReader, OpensThroughTheManagerWithItsMetadata) {
     ASSERT_NE(man.GetBondMeta(), nullptr);
     EXPECT_EQ(man.GetBondMeta()->title, "Book");
 
+    // The pair hands out a copy that outlives the archive; reusing the open archive refreshes it.
+    TarnArchiveInfo info;
+    {
+        CTarnLibPair pair;
+        ASSERT_TRUE(pair.Open(path, &info, false));
+        info.bondMeta.reset();
+        ASSERT_TRUE(pair.Open(path, &info, false));
+        pair.Close();
+    }
+    ASSERT_TRUE(info.bondMeta.has_value());
+    EXPECT_EQ(info.bondMeta->title, "Book");
+
     Book newer = TwoPages();
     newer.version = 0x30000000;
     const std::string newerPath = dir.Path() + "/newer.orl3";

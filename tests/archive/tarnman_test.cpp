@@ -291,6 +291,7 @@ TEST_F(TarnManTest, BuiltInReaderThroughThePair) {
     TarnArchiveInfo info;
     ASSERT_TRUE(pair.Open(path, &info, false)) << pair.GetLastError();
     EXPECT_EQ(info.nFormat, TarnFormatGzip);
+    EXPECT_FALSE(info.bondMeta.has_value());
     ASSERT_EQ(pair.GetCurrent()->GetFileItemCount(), 1u);
     const TarnFileItem* item = pair.GetCurrent()->GetFileItem(0);
     CMemSimple mem;
