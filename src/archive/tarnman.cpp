@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <filesystem>
 #include <mutex>
 
 #include "archive/tarnsniff.h"
@@ -384,6 +385,34 @@ bool ReadFileInto(const std::string& path, ITarnSimpleOutStream* out) {
     return ok && left == 0 && closed;
 }
 
+// Whether the temporary copy of an entry of `archive` still serves: it exists, has the size the
+// archive lists (`listedSize`, -1 when not known) and the archive wasn't modified after the copy
+// was made. With the archive gone, the copy is all there is and serves.
+bool CopyIsCurrent(const std::string& copy, const std::string& archive, int64_t listedSize) {
+    if (!IsPlainFile(copy)) return false;
+    if (listedSize >= 0 && platform::GetFileSize(copy) != listedSize) return false;
+    std::error_code archiveError, copyError;
+    const auto archiveTime = std::filesystem::last_write_time(archive, archiveError);
+    const auto copyTime = std::filesystem::last_write_time(copy, copyError);
+    if (archiveError) return true;
+    return !copyError && archiveTime <= copyTime;
+}
+
+// Removes a copy that no longer serves, so that a failed extraction can't leave it in use.
+void DropStaleCopy(const std::string& copy, const std::string& archive, int64_t listedSize) {
+    std::error_code ec;
+    if (IsPlainFile(copy) && !CopyIsCurrent(copy, archive, listedSize))
+        std::filesystem::remove(copy, ec);
+}
+
+// Extraction gives a file the entry's stored time; the copy instead takes the time it was made,
+// which CopyIsCurrent compares with the archive's.
+void StampCopy(const std::string& copy) {
+    std::error_code ec;
+    if (IsPlainFile(copy))
+        std::filesystem::last_write_time(copy, std::filesystem::file_time_type::clock::now(), ec);
+}
+
 }  // namespace
 
 CTarnLibPair::CTarnLibPair() = default;
@@ -437,11 +466,13 @@ bool CTarnLibPair::Open(const std::string& path, TarnArchiveInfo* info, bool for
             }
             const std::string folder = TempFolderOf(outer);
             const std::string inner = folder + "/" + innerName;
+            DropStaleCopy(inner, outer, -1);
             if (!IsPlainFile(inner)) {
                 CTarnLib outerLib;
                 if (outerLib.Open(outer, password)) {
                     outerLib.ExtractAllTo(folder);
                     nLastError = outerLib.GetLastError();
+                    StampCopy(inner);
                 } else {
                     nLastError = outerLib.GetLastError();
                 }
@@ -541,13 +572,16 @@ bool CTarnLibPair::ExtractNestedToTemp(const std::string& nameW, const std::stri
     const std::string folder = CurrentTempFolder();
     const std::string file = folder + "/" + name;
     if (path) *path = file;
-    if (IsPlainFile(file)) return true;
+    const int64_t listedSize = pCurrent->GetFileItem(uint32_t(index))->uncompressedSize;
+    if (CopyIsCurrent(file, pCurrent->GetFilePathName(), listedSize)) return true;
+    DropStaleCopy(file, pCurrent->GetFilePathName(), listedSize);
     pCurrent->SetPassword(sPassword.empty() ? nullptr : sPassword.c_str());
     if (pCurrent->IsSolidArchive())
         pCurrent->ExtractAllTo(folder);
     else
         pCurrent->ExtractOneTo(uint32_t(index), folder);
     nLastError = pCurrent->GetLastError();
+    StampCopy(file);
     return IsPlainFile(file);
 }
 

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <zlib.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 
@@ -259,6 +260,64 @@ TEST_F(TarnManTest, NestedPathUsesTheTemporaryFile) {
     ASSERT_TRUE(pair.ExtractNestedToTemp("in.orl3", "", &placed));
     EXPECT_EQ(placed, CTarnLibPair::TempFolderOf(real) + "/in.orl3");
     EXPECT_EQ(platform::GetFileSize(placed), int64_t(inner.size()));
+}
+
+std::string ReadAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+TEST_F(TarnManTest, NestedCopyIsRenewedWhenTheOuterArchiveChanges) {
+    const std::string first = MakeFakeArchive({{"r.jpg", "one"}});
+    const std::string second = MakeFakeArchive({{"r.jpg", "two"}});
+    ASSERT_EQ(first.size(), second.size());
+    const std::string outer = Write("outer.orl3", MakeFakeArchive({{"in.orl3", first}}));
+    // Rebuilds the outer archive around `inner`, dated after the copy in the temp folder.
+    const auto rebuild = [&](const std::string& inner, const std::string& copy) {
+        Write("outer.orl3", MakeFakeArchive({{"in.orl3", inner}}));
+        fs::last_write_time(outer, fs::last_write_time(copy) + std::chrono::seconds(5));
+    };
+
+    std::string placed;
+    {
+        CTarnLibPair pair;
+        ASSERT_TRUE(pair.Open(outer, nullptr, false));
+        ASSERT_TRUE(pair.ExtractNestedToTemp("in.orl3", "", &placed));
+        EXPECT_EQ(ReadAll(placed), first);
+        // A copy of the listed size, made after the archive: reused as it stands.
+        std::ofstream(placed, std::ios::binary) << std::string(first.size(), 'x');
+        ASSERT_TRUE(pair.ExtractNestedToTemp("in.orl3", "", &placed));
+        EXPECT_EQ(ReadAll(placed), std::string(first.size(), 'x'));
+        // A copy of another size: extracted again.
+        std::ofstream(placed, std::ios::binary) << "short";
+        ASSERT_TRUE(pair.ExtractNestedToTemp("in.orl3", "", &placed));
+        EXPECT_EQ(ReadAll(placed), first);
+    }
+
+    // The outer archive rebuilt with an inner one of the same size: the copy is stale.
+    rebuild(second, placed);
+    {
+        CTarnLibPair pair;
+        ASSERT_TRUE(pair.Open(outer, nullptr, false));
+        ASSERT_TRUE(pair.ExtractNestedToTemp("in.orl3", "", &placed));
+        EXPECT_EQ(ReadAll(placed), second);
+    }
+
+    // The same through the "outer?inner" form.
+    CMemSimple mem;
+    {
+        CTarnLibPair pair;
+        ASSERT_TRUE(pair.Open(outer + "?in.orl3", nullptr, false));
+        ASSERT_TRUE(pair.ExtractToMemory("r.jpg", "", &mem));
+        EXPECT_EQ(mem.data, "two");
+    }
+    rebuild(first, placed);
+    {
+        CTarnLibPair pair;
+        ASSERT_TRUE(pair.Open(outer + "?in.orl3", nullptr, false));
+        ASSERT_TRUE(pair.ExtractToMemory("r.jpg", "", &mem));
+        EXPECT_EQ(mem.data, "one");
+    }
 }
 
 TEST_F(TarnManTest, SolidArchiveGoesThroughTheTemporaryFolder) {
