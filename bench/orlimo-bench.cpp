@@ -1,10 +1,12 @@
-// orlimo-bench [FOLDER] [--canvas WxH] [--pause MS] [--turns N] [--only NAME,...]
+// orlimo-bench [FOLDER|ARCHIVE] [--canvas WxH] [--pause MS] [--turns N] [--cbz-pages N]
+//              [--only NAME,...]
 //
 // Drives the page list and the page engine headless, exactly as the window does: the options go
 // in with request 9 (ApplySettings), pages are shown with request 7 through ShowPage, on a canvas
-// of 1920x1080 in stretch mode with interpolation. Without FOLDER it reads a generated book: 40
-// JPEG pages of 1800x2700 at quality 85 and 5 of 3500x5000, encoded once by TurboJPEG into a
-// folder under the build tree and reused.
+// of 1920x1080 in stretch mode with interpolation. An archive is opened with request 4
+// (OpenArchive), its listing appended to the page list and sorted. Without an input it reads a
+// generated book: 40 JPEG pages of 1800x2700 at quality 85 and 5 of 3500x5000, encoded once by
+// TurboJPEG into a folder under the build tree and reused.
 //
 // One JSON object per scenario goes to stdout, a readable table to stderr:
 //   cold_first_page  the first page of a fresh engine (median of 7), against the anchor: a raw
@@ -14,6 +16,10 @@
 //   rapid            a turn every 50 ms for 40 turns: previews and full decodes started
 //   memory           300 turns through the book (cycled) without pause; peak RSS and budgets
 //   anchors          the raw pieces: TurboJPEG full and scaled decode, our resize
+//   archive_open     opening an archive and showing its first page: the time, and the bytes the
+//                    process read against the archive's size and the first page's. Runs on the
+//                    input archive, or with --cbz-pages N on a generated comic archive of N small
+//                    stored JPEG pages (made once under the build tree)
 #include <sys/resource.h>
 #include <turbojpeg.h>
 
@@ -33,6 +39,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/archivepages.h"
 #include "engine/compose.h"
 #include "engine/manaproc.h"
 #include "engine/openpath.h"
@@ -40,9 +47,13 @@
 #include "image/scale.h"
 #include "image/xdib.h"
 #include "platform/files.h"
+#include "zipwriter.h"
 
 #ifndef ORLIMO_BENCH_BOOK_DIR
 #define ORLIMO_BENCH_BOOK_DIR "bench-book"
+#endif
+#ifndef ORLIMO_BENCH_CBZ_DIR
+#define ORLIMO_BENCH_CBZ_DIR "bench-cbz"
 #endif
 
 namespace {
@@ -136,10 +147,63 @@ std::string MakeBook(const std::string& folder) {
     return folder;
 }
 
+// A comic archive of `pages` small JPEG pages (400x600), stored, named p0001.jpg on; a few
+// distinct pictures are cycled. Made once and reused.
+std::string MakeCbz(const std::string& folder, uint32_t pages) {
+    const std::string path = folder + "/pages-" + std::to_string(pages) + ".cbz";
+    if (platform::GetFileSize(path) > 0) return path;
+    std::string mkdir = "mkdir -p '" + folder + "'";
+    if (std::system(mkdir.c_str()) != 0) return {};
+    constexpr uint32_t kW = 400, kH = 600, kDistinct = 16;
+    std::vector<Bytes> pictures;
+    tjhandle tj = tjInitCompress();
+    for (uint32_t i = 0; i < kDistinct; ++i) {
+        const Bytes pixels = DrawPage(kW, kH, i + 1);
+        unsigned char* out = nullptr;
+        unsigned long size = 0;
+        if (tjCompress2(tj, pixels.data(), int(kW), 0, int(kH), TJPF_RGB, &out, &size, TJSAMP_420,
+                        80, 0) != 0) {
+            tjFree(out);
+            tjDestroy(tj);
+            return {};
+        }
+        pictures.emplace_back(out, out + size);
+        tjFree(out);
+    }
+    tjDestroy(tj);
+    std::vector<samplewrite::ZipEntry> entries(pages);
+    for (uint32_t i = 0; i < pages; ++i) {
+        char name[32];
+        std::snprintf(name, sizeof name, "p%04u.jpg", i + 1);
+        entries[i] = {name, pictures[i % kDistinct], false};
+    }
+    const Bytes zip = samplewrite::MakeZip(entries);
+    if (zip.empty() || !WriteFile(path + ".part", zip.data(), zip.size()) ||
+        std::rename((path + ".part").c_str(), path.c_str()) != 0)
+        return {};
+    std::fprintf(stderr, "orlimo-bench: wrote %s\n", path.c_str());
+    return path;
+}
+
+// The bytes this process has read through read(2) and its kin so far.
+int64_t BytesReadSoFar() {
+    std::FILE* f = std::fopen("/proc/self/io", "r");
+    if (!f) return -1;
+    long long value = -1;
+    char key[32];
+    long long number = 0;
+    while (std::fscanf(f, "%31[^:]: %lld\n", key, &number) == 2) {
+        if (std::strcmp(key, "rchar") == 0) value = number;
+    }
+    std::fclose(f);
+    return value;
+}
+
 // ---- driving the engine as the window does ---------------------------------------------------
 
 struct Options {
-    std::string folder;
+    std::string folder;  // or an archive
+    uint32_t cbzPages = 0;
     uint32_t canvasWidth = 1920, canvasHeight = 1080;
     uint32_t pauseMs = 1500;
     uint32_t turns = 20;
@@ -160,10 +224,24 @@ struct Viewer {
     CPageList list;  // outlives the engine
     CManaProc engine;
 
-    explicit Viewer(const Options& o) {
-        OpenPath(list, o.folder, true);
+    // Started and given the options; `path` is opened unless empty.
+    Viewer(const Options& o, const std::string& path) {
         engine.Start(&list);
         engine.ApplySettings(BenchSettings(o));
+        if (!path.empty()) Open(path);
+    }
+    explicit Viewer(const Options& o) : Viewer(o, o.folder) {}
+    // A folder or an image goes into the list directly; an archive is listed by the engine, its
+    // pages appended and sorted, and the first one made current.
+    bool Open(const std::string& path) {
+        if (OpenPath(list, path, true).kind != OpenPathResult::Kind::kArchive) return true;
+        ArchiveListing listing;
+        if (engine.OpenArchive(path, &listing) != 0) return false;
+        std::lock_guard hold(list.cs);
+        list.Append(std::move(listing.entries));
+        list.Sort();
+        list.SetCurrent(0);
+        return true;
     }
     int32_t Count() {
         std::lock_guard hold(list.cs);
@@ -262,6 +340,50 @@ std::string Fmt(const char* format, double a, double b = 0, double c = 0, double
     return text;
 }
 
+bool IsArchive(const std::string& path) {
+    if (path.empty() || platform::IsDirectory(path)) return false;
+    CPageList probe;
+    return OpenPath(probe, path, true).kind == OpenPathResult::Kind::kArchive;
+}
+
+// The first page's bytes: read from its file, or extracted from its archive.
+Bytes FirstPageBytes(const PageEntry& page) {
+    if (page.szPath.find('|') == std::string::npos) return ReadFile(page.szPath);
+    CTarnLibPair pair;
+    CMemTarnOutStream out;
+    if (ExtractArchivePage(pair, page, &out) != ArchiveExtract::kOk) return {};
+    return Bytes(out.data(), out.data() + out.size());
+}
+
+// Opens `archive` in a fresh engine and shows its first page, counting the bytes the process
+// reads meanwhile: the central directory and the first page should be all of it.
+void RunArchiveOpen(const Options& o, const std::string& archive) {
+    Viewer viewer(o, {});
+    const int64_t probe = BytesReadSoFar();
+    const int64_t overhead = BytesReadSoFar() - probe;  // reading the counter itself
+    const int64_t before = BytesReadSoFar();
+    const auto start = Clock::now();
+    const bool opened = viewer.Open(archive) && viewer.engine.ShowPage(false, false);
+    const double ms = MsSince(start);
+    const int64_t bytesRead = BytesReadSoFar() - before - overhead;
+    int32_t pages = 0;
+    int64_t firstPageBytes = -1;
+    {
+        std::lock_guard hold(viewer.list.cs);
+        pages = viewer.list.GetCount();
+        if (const PageEntry* first = viewer.list.GetEntry(0)) firstPageBytes = first->nFileSize;
+    }
+    if (!opened) std::fprintf(stderr, "orlimo-bench: can't open %s\n", archive.c_str());
+    const int64_t archiveBytes = platform::GetFileSize(archive);
+    std::printf(
+        "{\"scenario\":\"archive_open\",\"pages\":%d,\"open_ms\":%.2f,\"bytes_read\":%lld,"
+        "\"archive_bytes\":%lld,\"first_page_bytes\":%lld}\n",
+        pages, ms, (long long)bytesRead, (long long)archiveBytes, (long long)firstPageBytes);
+    PrintRow("archive_open", Fmt("%.0f pages in %.2f ms; read %.0f of %.0f bytes", pages, ms,
+                                 double(bytesRead), double(archiveBytes)) +
+                                 Fmt(" (first page %.0f)", double(firstPageBytes)));
+}
+
 int64_t PeakRssMB() {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
@@ -285,6 +407,8 @@ int main(int argc, char** argv) {
             o.pauseMs = uint32_t(std::strtoul(argv[++i], nullptr, 10));
         } else if (arg == "--turns" && hasValue) {
             o.turns = std::max<uint32_t>(1, uint32_t(std::strtoul(argv[++i], nullptr, 10)));
+        } else if (arg == "--cbz-pages" && hasValue) {
+            o.cbzPages = uint32_t(std::strtoul(argv[++i], nullptr, 10));
         } else if (arg == "--only" && hasValue) {
             std::string list = argv[++i];
             for (size_t start = 0; start <= list.size();) {
@@ -294,32 +418,46 @@ int main(int argc, char** argv) {
             }
         } else if (arg.size() > 1 && arg[0] == '-') {
             std::fprintf(stderr,
-                         "usage: orlimo-bench [FOLDER] [--canvas WxH] [--pause MS] [--turns N] "
-                         "[--only cold_first_page,reading,rapid,memory,anchors]\n");
+                         "usage: orlimo-bench [FOLDER|ARCHIVE] [--canvas WxH] [--pause MS] "
+                         "[--turns N] [--cbz-pages N] "
+                         "[--only cold_first_page,reading,rapid,memory,anchors,archive_open]\n");
             return 2;
         } else {
             o.folder = arg;
         }
     }
+    const bool inputIsArchive = IsArchive(o.folder);
+    if ((o.cbzPages > 0 || inputIsArchive) && Wanted(o, "archive_open")) {
+        const std::string archive =
+            o.cbzPages > 0 ? MakeCbz(ORLIMO_BENCH_CBZ_DIR, o.cbzPages) : o.folder;
+        if (archive.empty()) {
+            std::fprintf(stderr, "orlimo-bench: can't make the archive in %s\n",
+                         ORLIMO_BENCH_CBZ_DIR);
+            return 1;
+        }
+        RunArchiveOpen(o, archive);
+    }
+    if (!o.only.empty() && o.only.size() == o.only.count("archive_open")) return 0;
+
     if (o.folder.empty()) o.folder = MakeBook(ORLIMO_BENCH_BOOK_DIR);
     if (o.folder.empty()) {
         std::fprintf(stderr, "orlimo-bench: can't make the book in %s\n", ORLIMO_BENCH_BOOK_DIR);
         return 1;
     }
-    std::string firstPage;
+    Bytes firstJpeg;
     {
         Viewer probe(o);
         std::lock_guard hold(probe.list.cs);
-        firstPage = probe.list.GetCurrentPath();
+        if (const PageEntry* first = probe.list.GetEntry(probe.list.GetCurrent()))
+            firstJpeg = FirstPageBytes(*first);
     }
-    if (firstPage.empty()) {
+    if (firstJpeg.empty()) {
         std::fprintf(stderr, "orlimo-bench: %s holds no pages\n", o.folder.c_str());
         return 1;
     }
     std::fprintf(stderr, "orlimo-bench: %s, canvas %ux%u, stretch, filter 1\n", o.folder.c_str(),
                  o.canvasWidth, o.canvasHeight);
 
-    const Bytes firstJpeg = ReadFile(firstPage);
     Anchor anchor;
     const bool needAnchor = Wanted(o, "cold_first_page") || Wanted(o, "anchors");
     if (needAnchor) anchor = MeasureAnchor(firstJpeg, o, 7);
