@@ -127,7 +127,10 @@ bool CTarnUnTar::ReadHeader() {
         // Data that runs past the end of the input ends the walk after this header; the cut
         // entry still lists and fails only when it is extracted.
         const bool beyondEnd = static_cast<int64_t>(size) > streamSize - dataPos;
-        const int64_t next = dataPos + static_cast<int64_t>((size + kBlock - 1) / kBlock * kBlock);
+        // Only data that fits in the input gives a next header; the sum can't overflow then.
+        const int64_t next =
+            beyondEnd ? streamSize
+                      : dataPos + static_cast<int64_t>((size + kBlock - 1) / kBlock * kBlock);
 
         const char type = static_cast<char>(block[kType]);
         if (type == 'L' || type == 'x' || type == 'K' || type == 'g') {

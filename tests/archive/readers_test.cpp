@@ -224,6 +224,18 @@ TEST(TarNumbers, OctalAndBase256Fields) {
     EXPECT_FALSE(OpenWith(&reader, dir / "neg.tar"));
     EXPECT_EQ(reader.GetFileList()->GetCount(), 0u);
 
+    // A size just under the largest the walk accepts: listed as cut, no overflow past it.
+    std::string huge(12, '\0');  // INT64_MAX - 512
+    huge[0] = static_cast<char>(0x80);
+    huge[4] = static_cast<char>(0x7F);
+    for (int i = 5; i <= 9; ++i) huge[i] = static_cast<char>(0xFF);
+    huge[10] = static_cast<char>(0xFD);
+    huge[11] = static_cast<char>(0xFF);
+    WriteFile(dir / "huge.tar", Header("huge", huge, '0') + std::string(1024, '\0'));
+    OpenWith(&reader, dir / "huge.tar");
+    ASSERT_EQ(reader.GetFileList()->GetCount(), 1u);
+    EXPECT_GT(reader.GetFileList()->Get(0)->uncompressedSize, int64_t{1} << 62);
+
     // A name that climbs out is not listed; the rest is.
     WriteFile(dir / "climb.tar",
               Header("../evil", "0", '0') + Header("ok", "0", '0') + std::string(1024, '\0'));
