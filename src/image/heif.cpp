@@ -16,6 +16,9 @@
 
 namespace {
 
+// The longest side a picture can have within the storage cap (16384 x 16384 at 32 bits).
+constexpr uint32_t kMaxHeifSide = 16384;
+
 // libheif reads the file through the source, never more than the file holds.
 struct SourceReader {
     IXDibIO* source = nullptr;
@@ -114,6 +117,9 @@ bool Decode(XDib& dib, IXDibIO& source, CJPEGMetaData* meta) {
     InitLibrary();
     std::unique_ptr<heif_context, ContextDeleter> context(heif_context_alloc());
     if (!context) return false;
+    // A grid picture takes its canvas size from the grid's own record, not from the size
+    // checked below: the library's limit keeps a hostile grid from asking for gigabytes.
+    heif_context_set_maximum_image_size_limit(context.get(), int(kMaxHeifSide) + 1);
     // 0: grid tiles are decoded on the calling thread.
     heif_context_set_max_decoding_threads(context.get(), nThreadCount > 1 ? int(nThreadCount) : 0);
     if (heif_context_read_from_reader(context.get(), &kReader, &reader, nullptr).code !=
