@@ -2,17 +2,12 @@
 // the shared decryption.
 #include "archive/bh.h"
 
-#include <zlib.h>
-
 #include <algorithm>
-#include <vector>
 
 #include "archive/crypto.h"
 
 namespace {
 
-constexpr uint32_t kInBlock = 4096;
-constexpr uint32_t kOutBlock = 64 * 1024;
 constexpr uint32_t kMaxName = 259;  // name lengths must stay below this
 
 uint16_t LE16(const uint8_t* p) {
@@ -122,69 +117,6 @@ bool CTarnUnBH::ExtractItem(uint32_t, TarnFileItem* item, ITarnOutStream* out) {
         }
     }
 
-    z_stream z{};
-    if (method == 8 && inflateInit2(&z, -MAX_WBITS) != Z_OK) {
-        ReportError(TARN_ERR_CORRUPT, item);
-        return false;
-    }
-    std::vector<uint8_t> in(kInBlock), outBuf(method == 8 ? kOutBlock : 0);
-    int64_t read = 0, written = 0;
-    uLong crc = crc32(0, nullptr, 0);
-    bool ok = true, ended = false;
-    while (ok && !ended) {
-        if (method == 0 || z.avail_in == 0) {
-            const auto n = static_cast<uint32_t>(std::min<int64_t>(kInBlock, left));
-            if (n == 0) {
-                if (method == 0) break;
-                ReportError(TARN_ERR_CORRUPT, item);  // the data ended inside the Deflate stream
-                ok = false;
-                break;
-            }
-            if (!pStream->Read(in.data(), n)) {
-                ReportError(TARN_ERR_DATA_READ, item);
-                ok = false;
-                break;
-            }
-            if (item->encryptionMethod != 0) crypto.Decrypt(in.data(), n);
-            left -= n;
-            read += n;
-            if (method == 0) {
-                crc = crc32(crc, in.data(), n);
-                if (!WriteOut(out, in.data(), n)) {
-                    ReportError(nLastError, item);
-                    ok = false;
-                    break;
-                }
-                written += n;
-                ok = ReportProgress(read, written);
-                continue;
-            }
-            z.next_in = in.data();
-            z.avail_in = n;
-        }
-        z.next_out = outBuf.data();
-        z.avail_out = kOutBlock;
-        const int rc = inflate(&z, Z_NO_FLUSH);
-        if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) {
-            ReportError(TARN_ERR_CORRUPT, item);
-            ok = false;
-            break;
-        }
-        ended = rc == Z_STREAM_END;
-        const uint32_t produced = kOutBlock - z.avail_out;
-        crc = crc32(crc, outBuf.data(), produced);
-        if (!WriteOut(out, outBuf.data(), produced)) {
-            ReportError(nLastError, item);
-            ok = false;
-            break;
-        }
-        written += produced;
-        ok = ReportProgress(read, written);
-    }
-    if (method == 8) inflateEnd(&z);
-    if (ok && item->crc32 != 0 && static_cast<uint32_t>(crc) != item->crc32) {
-        ReportError(TARN_ERR_CRC, item);
-        ok = false;
-    }
-    return ok;
+    return ExtractBlocks(item, out, left, method == 8,
+                         item->encryptionMethod != 0 ? &crypto : nullptr);
 }

@@ -4,9 +4,10 @@
 
 #include <cstdint>
 
+#include "archive/inflateloop.h"
 #include "archive/tarn.h"
 
-class CTarnUnBH : public CTarnExtractorImpl {
+class CTarnUnBH : public CTarnInflatingExtractor {
 public:
     static constexpr uint32_t kSignature = 0x07054842;  // "BH57"
     static constexpr uint32_t kHeaderSize = 37;

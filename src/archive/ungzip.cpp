@@ -2,16 +2,11 @@
 #include "archive/ungzip.h"
 
 #include <strings.h>
-#include <zlib.h>
 
-#include <algorithm>
 #include <cstring>
-#include <vector>
 
 namespace {
 
-constexpr uint32_t kInBlock = 4096;
-constexpr uint32_t kOutBlock = 64 * 1024;
 constexpr uint32_t kMaxStoredName = 260;
 
 uint32_t LE32(const uint8_t* p) {
@@ -115,56 +110,5 @@ bool CTarnUnGzip::ExtractItem(uint32_t, TarnFileItem* item, ITarnOutStream* out)
         ReportError(TARN_ERR_DATA_READ, item);
         return false;
     }
-    z_stream z{};
-    if (inflateInit2(&z, -MAX_WBITS) != Z_OK) {
-        ReportError(TARN_ERR_CORRUPT, item);
-        return false;
-    }
-    std::vector<uint8_t> in(kInBlock), outBuf(kOutBlock);
-    int64_t left = item->compressedSize, read = 0, written = 0;
-    uLong crc = crc32(0, nullptr, 0);
-    bool ended = false, ok = true;
-    while (ok && !ended) {
-        if (z.avail_in == 0) {
-            const auto n = static_cast<uint32_t>(std::min<int64_t>(kInBlock, left));
-            if (n == 0) {  // the data ran out before the Deflate stream ended
-                ReportError(TARN_ERR_CORRUPT, item);
-                ok = false;
-                break;
-            }
-            if (!pStream->Read(in.data(), n)) {
-                ReportError(TARN_ERR_DATA_READ, item);
-                ok = false;
-                break;
-            }
-            left -= n;
-            read += n;
-            z.next_in = in.data();
-            z.avail_in = n;
-        }
-        z.next_out = outBuf.data();
-        z.avail_out = kOutBlock;
-        const int rc = inflate(&z, Z_NO_FLUSH);
-        if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) {
-            ReportError(TARN_ERR_CORRUPT, item);
-            ok = false;
-            break;
-        }
-        ended = rc == Z_STREAM_END;
-        const uint32_t produced = kOutBlock - z.avail_out;
-        crc = crc32(crc, outBuf.data(), produced);
-        if (!WriteOut(out, outBuf.data(), produced)) {
-            ReportError(nLastError, item);
-            ok = false;
-            break;
-        }
-        written += produced;
-        if (!ReportProgress(read, written)) ok = false;
-    }
-    inflateEnd(&z);
-    if (ok && item->crc32 != 0 && static_cast<uint32_t>(crc) != item->crc32) {
-        ReportError(TARN_ERR_CRC, item);
-        ok = false;
-    }
-    return ok;
+    return ExtractBlocks(item, out, item->compressedSize, true, nullptr);
 }

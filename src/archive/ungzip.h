@@ -5,9 +5,10 @@
 #include <cstdint>
 #include <string>
 
+#include "archive/inflateloop.h"
 #include "archive/tarn.h"
 
-class CTarnUnGzip : public CTarnExtractorImpl {
+class CTarnUnGzip : public CTarnInflatingExtractor {
 public:
     CTarnUnGzip() { nFormat = TarnFormatGzip; }
     ~CTarnUnGzip() override = default;
