@@ -6,6 +6,7 @@
 #include <string>
 
 #include "archive/bh.h"
+#include "archive_bytes.h"
 #include "zip_teststreams.h"
 
 namespace {
@@ -14,28 +15,9 @@ using ziptest::CMemIn;
 using ziptest::MakeMemOut;
 using ziptest::MemSink;
 
-void Put16(std::string& s, uint32_t v) {
-    s += char(v & 0xFF);
-    s += char((v >> 8) & 0xFF);
-}
-void Put32(std::string& s, uint32_t v) {
-    Put16(s, v & 0xFFFF);
-    Put16(s, v >> 16);
-}
-
-std::string RawDeflate(const std::string& in) {
-    z_stream zs{};
-    deflateInit2(&zs, 9, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-    std::string out(deflateBound(&zs, uLong(in.size())), '\0');
-    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
-    zs.avail_in = uInt(in.size());
-    zs.next_out = reinterpret_cast<Bytef*>(out.data());
-    zs.avail_out = uInt(out.size());
-    deflate(&zs, Z_FINISH);
-    out.resize(zs.total_out);
-    deflateEnd(&zs);
-    return out;
-}
+using archivebytes::Put16;
+using archivebytes::Put32;
+using archivebytes::RawDeflate;
 
 uint32_t Crc(const std::string& s) {
     return uint32_t(crc32(0, reinterpret_cast<const Bytef*>(s.data()), uInt(s.size())));

@@ -7,6 +7,7 @@
 
 #include "archive/cab.h"
 #include "archive/tarnman.h"
+#include "archive_bytes.h"
 #include "support/scratchfolder.h"
 #include "zip_teststreams.h"
 
@@ -16,14 +17,8 @@ using ziptest::CMemIn;
 using ziptest::MakeMemOut;
 using ziptest::MemSink;
 
-void Put16(std::string& s, uint32_t v) {
-    s += char(v & 0xFF);
-    s += char((v >> 8) & 0xFF);
-}
-void Put32(std::string& s, uint32_t v) {
-    Put16(s, v & 0xFFFF);
-    Put16(s, v >> 16);
-}
+using archivebytes::Put16;
+using archivebytes::Put32;
 
 struct File {
     std::string name;

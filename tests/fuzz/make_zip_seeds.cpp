@@ -7,34 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "archive/archive_bytes.h"
+
 namespace {
 
-void Put16(std::string& s, uint32_t v) {
-    s += char(v & 0xFF);
-    s += char((v >> 8) & 0xFF);
-}
-void Put32(std::string& s, uint32_t v) {
-    Put16(s, v & 0xFFFF);
-    Put16(s, v >> 16);
-}
-void Put64(std::string& s, uint64_t v) {
-    Put32(s, uint32_t(v));
-    Put32(s, uint32_t(v >> 32));
-}
-
-std::string RawDeflate(const std::string& in) {
-    z_stream zs{};
-    deflateInit2(&zs, 9, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-    std::string out(deflateBound(&zs, uLong(in.size())), '\0');
-    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.data()));
-    zs.avail_in = uInt(in.size());
-    zs.next_out = reinterpret_cast<Bytef*>(out.data());
-    zs.avail_out = uInt(out.size());
-    deflate(&zs, Z_FINISH);
-    out.resize(zs.total_out);
-    deflateEnd(&zs);
-    return out;
-}
+using archivebytes::Put16;
+using archivebytes::Put32;
+using archivebytes::Put64;
+using archivebytes::RawDeflate;
 
 struct Entry {
     std::string name, data;
