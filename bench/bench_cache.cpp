@@ -29,7 +29,7 @@ void BM_FindBucketInFullRing(benchmark::State& state) {
     CImageMan cache;
     cache.Start();
     cache.nBudgetMB = 300;
-    const std::string prefix = "/home/reader/books/some series/volume 03/page ";
+    const std::string prefix = "books/some series/volume 03/page ";
     for (int i = 0; i < CImageMan::kBucketCount; ++i) {
         const std::string path = prefix + std::to_string(i) + ".jpg";
         const std::vector<uint8_t> bmp = TinyBmp(uint8_t(i));
@@ -46,7 +46,7 @@ BENCHMARK(BM_FindBucketInFullRing);
 
 void BM_ErrorPicture(benchmark::State& state) {
     const std::string path =
-        "/home/reader/books/a series with a rather long name/volume 12/chapter 3/page 0042.jpg";
+        "books/a series with a rather long name/volume 12/chapter 3/page 0042.jpg";
     for (auto _ : state) {
         XAnimDib ani;
         benchmark::DoNotOptimize(CImageMan::MakeErrorPicture(ani, path));

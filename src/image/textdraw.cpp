@@ -53,13 +53,13 @@ public:
 
     bool Ready() const { return library != nullptr; }
 
-    // The face for `spec`, null when not even a fallback can be opened.
-    Face* Primary(const XFontSpec& spec) {
-        const auto key = std::make_tuple(spec.sFamily, spec.nPixelSize, spec.bBold, spec.bItalic);
+    // The face for `font`, null when not even a fallback can be opened.
+    Face* Primary(const XFontSpec& font) {
+        const auto key = std::make_tuple(font.sFamily, font.nPixelSize, font.bBold, font.bItalic);
         if (auto it = primaries.find(key); it != primaries.end()) return it->second;
-        Face* face = Match(spec, 0);
-        if (!face && spec.sFamily != "Sans") {
-            XFontSpec sans = spec;
+        Face* face = Match(font, 0);
+        if (!face && font.sFamily != "Sans") {
+            XFontSpec sans = font;
             sans.sFamily = "Sans";
             face = Match(sans, 0);
         }
@@ -68,11 +68,11 @@ public:
     }
 
     // A face that has `codePoint`, for text the primary face can't show; null when none has.
-    Face* Fallback(const XFontSpec& spec, uint32_t codePoint) {
+    Face* Fallback(const XFontSpec& font, uint32_t codePoint) {
         const auto key =
-            std::make_tuple(spec.sFamily, spec.nPixelSize, spec.bBold, spec.bItalic, codePoint);
+            std::make_tuple(font.sFamily, font.nPixelSize, font.bBold, font.bItalic, codePoint);
         if (auto it = fallbacks.find(key); it != fallbacks.end()) return it->second;
-        Face* face = Match(spec, codePoint);
+        Face* face = Match(font, codePoint);
         if (face && FT_Get_Char_Index(face->face, codePoint) == 0) face = nullptr;
         fallbacks.emplace(key, face);
         return face;
@@ -90,16 +90,16 @@ private:
         if (config) FcConfigDestroy(config);
     }
 
-    // Asks fontconfig for the best face of `spec`, covering `codePoint` when it isn't 0.
-    Face* Match(const XFontSpec& spec, uint32_t codePoint) {
-        if (!library || spec.nPixelSize == 0 || spec.nPixelSize > kMaxPixelSize) return nullptr;
+    // Asks fontconfig for the best face of `font`, covering `codePoint` when it isn't 0.
+    Face* Match(const XFontSpec& font, uint32_t codePoint) {
+        if (!library || font.nPixelSize == 0 || font.nPixelSize > kMaxPixelSize) return nullptr;
         FcPattern* pattern = FcPatternCreate();
         if (!pattern) return nullptr;
         FcPatternAddString(pattern, FC_FAMILY,
-                           reinterpret_cast<const FcChar8*>(spec.sFamily.c_str()));
-        FcPatternAddDouble(pattern, FC_PIXEL_SIZE, spec.nPixelSize);
-        FcPatternAddInteger(pattern, FC_WEIGHT, spec.bBold ? FC_WEIGHT_BOLD : FC_WEIGHT_REGULAR);
-        FcPatternAddInteger(pattern, FC_SLANT, spec.bItalic ? FC_SLANT_ITALIC : FC_SLANT_ROMAN);
+                           reinterpret_cast<const FcChar8*>(font.sFamily.c_str()));
+        FcPatternAddDouble(pattern, FC_PIXEL_SIZE, font.nPixelSize);
+        FcPatternAddInteger(pattern, FC_WEIGHT, font.bBold ? FC_WEIGHT_BOLD : FC_WEIGHT_REGULAR);
+        FcPatternAddInteger(pattern, FC_SLANT, font.bItalic ? FC_SLANT_ITALIC : FC_SLANT_ROMAN);
         FcPatternAddBool(pattern, FC_SCALABLE, FcTrue);
         if (codePoint) {
             FcCharSet* set = FcCharSetCreate();
@@ -124,7 +124,7 @@ private:
             const bool oblique =
                 FcPatternGetMatrix(match, FC_MATRIX, 0, &matrix) == FcResultMatch &&
                 matrix->xy != 0;
-            face = Open(reinterpret_cast<const char*>(file), index, spec.nPixelSize,
+            face = Open(reinterpret_cast<const char*>(file), index, font.nPixelSize,
                         embolden == FcTrue, oblique);
         }
         FcPatternDestroy(match);
@@ -189,7 +189,7 @@ struct PlacedGlyph {
 
 // Splits `text` into runs of one face each and shapes them one after the other. Returns the
 // advance in 26.6 pixels. Called under the store's lock.
-int64_t Shape(FontStore& store, Face* primary, const XFontSpec& spec, std::string_view text,
+int64_t Shape(FontStore& store, Face* primary, const XFontSpec& font, std::string_view text,
               std::vector<PlacedGlyph>* glyphs) {
     int64_t pen = 0;
     hb_buffer_t* buffer = hb_buffer_create();
@@ -204,7 +204,7 @@ int64_t Shape(FontStore& store, Face* primary, const XFontSpec& spec, std::strin
             Face* own = primary;
             // Controls and marks that no face draws stay with the run they stand in.
             if (cp >= 0x20 && FT_Get_Char_Index(primary->face, cp) == 0)
-                if (Face* other = store.Fallback(spec, cp)) own = other;
+                if (Face* other = store.Fallback(font, cp)) own = other;
             if (face && own != face) break;
             face = own;
             end = next;
